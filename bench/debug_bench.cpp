@@ -1,0 +1,75 @@
+// Cost of a log call: a filtered message must cost one mask test and build no text.
+#include <android/log.h>
+#include <benchmark/benchmark.h>
+
+#include <mutex>
+
+#include "debug/zel_debug.h"
+#include "support/ratio_reporter.h"
+
+namespace {
+
+using namespace zel::debug;
+
+void DiscardLogger(const struct __android_logger_data*, const char*) {}
+
+// The floor of any filtered message: the singleton's lock, taken once per check.
+void BM_MutexLockUnlock(benchmark::State& state) {
+    std::mutex mutex;
+    for (auto _ : state) {
+        mutex.lock();
+        mutex.unlock();
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(BM_MutexLockUnlock);
+
+void BM_FilteredPrintf(benchmark::State& state) {
+    DbgPrintManager::GetInstance()->set_mask(0x3);
+    for (auto _ : state)
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  value(%d) name(%s)\n", 42, "abc");
+}
+BENCHMARK(BM_FilteredPrintf);
+
+void BM_FilteredStream(benchmark::State& state) {
+    DbgPrintManager::GetInstance()->set_mask(0x3);
+    const std::string text(64, 'x');
+    for (auto _ : state)
+        ZEL_MSG(ZONE_MEM) << "Buffer Created: " << text << 42 << std::endl;
+}
+BENCHMARK(BM_FilteredStream);
+
+// Printed lines, handed to a logger that drops them: formatting and liblog's own work.
+void BM_PrintedPrintf(benchmark::State& state) {
+    DbgPrintManager::GetInstance()->set_mask(0xFF);
+    __android_log_set_logger(DiscardLogger);
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    for (auto _ : state)
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  value(%d) name(%s)\n", 42, "abc");
+    DbgPrintManager::GetInstance()->set_mask(0x3);
+}
+BENCHMARK(BM_PrintedPrintf);
+
+void BM_PrintedStream(benchmark::State& state) {
+    DbgPrintManager::GetInstance()->set_mask(0xFF);
+    __android_log_set_logger(DiscardLogger);
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    const std::string text(64, 'x');
+    for (auto _ : state)
+        ZEL_MSG(ZONE_MEM) << "Buffer Created: " << text << 42 << std::endl;
+    DbgPrintManager::GetInstance()->set_mask(0x3);
+}
+BENCHMARK(BM_PrintedStream);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return zel_bench::RunWithRatios(
+            argc, argv,
+            {{"filtered printf-style line / one lock+unlock", "BM_FilteredPrintf",
+              "BM_MutexLockUnlock", 1.5},
+             {"filtered stream line / one lock+unlock", "BM_FilteredStream", "BM_MutexLockUnlock",
+              1.5},
+             {"printed printf-style line / filtered", "BM_PrintedPrintf", "BM_FilteredPrintf", 0},
+             {"printed stream line / filtered", "BM_PrintedStream", "BM_FilteredStream", 0}});
+}

@@ -1,0 +1,39 @@
+// Captures the lines this library hands to liblog, through liblog's own logger hook.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace zel_test {
+
+struct LogLine {
+    int priority;
+    std::string tag;
+    std::string message;
+};
+
+// While alive, every log line of the process is recorded (and not printed). Lines of every
+// priority reach it. Only one capture may be alive at a time.
+class LogCapture {
+  public:
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<LogLine> lines() const;
+    // Message texts only, in order.
+    std::vector<std::string> messages() const;
+    // True if some line's message is exactly `message`.
+    bool contains(const std::string& message) const;
+    // Number of lines whose message is exactly `message`.
+    size_t count(const std::string& message) const;
+    void clear();
+};
+
+// The message text that zel_print_log produces for a printf-style line: "2.1.17: " + text.
+std::string Line(const std::string& text);
+// The message text of a stream-style line (ZEL_MSG / ZelMsgHandler): "2.1.17:   " + text + "\n".
+std::string MsgLine(const std::string& text);
+
+}  // namespace zel_test

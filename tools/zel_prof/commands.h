@@ -1,0 +1,11 @@
+// Subcommands of zel-prof. Each registers itself on the CLI11 app.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace zel_prof {
+
+// `zel-prof config`: the print mask and zone table this process was configured with.
+void AddConfigCommand(CLI::App& app);
+
+}  // namespace zel_prof

@@ -1,0 +1,13 @@
+// zel-prof: the library's command-line front end.
+#include <CLI/CLI.hpp>
+
+#include "zel_prof/commands.h"
+
+int main(int argc, char** argv) {
+    CLI::App app{
+            "zel-prof: configuration, profiling demo and profile reports of libzel_common_utils"};
+    app.require_subcommand(1);
+    zel_prof::AddConfigCommand(app);
+    CLI11_PARSE(app, argc, argv);
+    return 0;
+}
