@@ -7,7 +7,10 @@
 #
 # Result: the INTERFACE target `zel_platform`, which carries include paths and libraries.
 
+include(GNUInstallDirs)
+
 add_library(zel_platform INTERFACE)
+set_target_properties(zel_platform PROPERTIES EXPORT_NAME platform)
 
 if(ANDROID)
     find_library(ZEL_LIBLOG log REQUIRED)
@@ -30,7 +33,9 @@ else()
         endif()
     endforeach()
     target_include_directories(zel_platform SYSTEM INTERFACE
-        ${PROJECT_SOURCE_DIR}/platform/include ${ZEL_ANDROID_INCLUDE_DIR})
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/platform/include>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/zel_common_utils/platform>
+        ${ZEL_ANDROID_INCLUDE_DIR})
     target_link_libraries(zel_platform INTERFACE ${ZEL_LIBLOG} ${ZEL_LIBCUTILS} ${ZEL_LIBBASE})
     set(ZEL_HOST_PLATFORM ON)
 endif()
