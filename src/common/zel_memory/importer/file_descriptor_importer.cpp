@@ -1,0 +1,100 @@
+#include "src/common/zel_memory/importer/file_descriptor_importer.h"
+
+#include <sys/mman.h>
+
+#include "debug/zel_debug.h"
+#include "src/common/zel_memory/native_handle_manager.h"
+
+namespace zel {
+namespace memory {
+
+using debug::ZONE_ERR;
+using debug::ZONE_MEM;
+
+namespace {
+constexpr const char kPath[] = "src/common/zel_memory/importer/file_descriptor_importer";
+}  // namespace
+
+Buffer::sptr FdImporter::import(int fd, uint32_t fd_size, uint32_t size, uint32_t offset,
+                                void* /*va*/) {
+    std::lock_guard<std::mutex> lock(mutex);
+    native_handle_t* handle = nullptr;
+    void* mapped = MAP_FAILED;
+    try {
+        if (static_cast<uint32_t>(size + offset) > fd_size) {
+            throw TalornNnException(kPath, 52)
+                    << "Parameter is incorrect" << size << ", " << offset << ", " << fd_size;
+        }
+        if (fd < 0) throw TalornNnException(kPath, 75) << "fd is incorrect: " << fd;
+
+        const int new_fd = NativeHandleManager::CloneNativeHandle(&handle, fd);
+        // The whole file is mapped; the offset only moves the buffer's va, so it need not be
+        // page-aligned.
+        mapped = mmap(nullptr, fd_size, PROT_READ | PROT_WRITE, MAP_SHARED, new_fd, 0);
+        if (mapped == nullptr || mapped == MAP_FAILED) {
+            mapped = MAP_FAILED;
+            throw TalornNnException(kPath, 58)
+                    << "mmap failed : fd(" << fd << "), size(" << fd_size << ")";
+        }
+        if (handle == nullptr) {
+            throw TalornNnException(kPath, 62) << "Native Handle couldn't cloned : fd " << fd;
+        }
+        Buffer::sptr buffer(new Buffer(mapped, size, offset, fd_size, new_fd, handle),
+                            [this](Buffer* released) { release(released); });
+        return buffer;
+    } catch (const std::exception& e) {
+        // Nothing made so far may outlive the failed import: the duplicate and the mapping.
+        if (mapped != MAP_FAILED) munmap(mapped, fd_size);
+        if (handle != nullptr) {
+            native_handle_close(handle);
+            native_handle_delete(handle);
+        }
+        ZEL_MSG(ZONE_ERR) << "Exception: " << e.what() << std::endl;
+        return nullptr;
+    }
+}
+
+void FdImporter::release(Buffer* buffer) {
+    ZEL_MSG(ZONE_MEM) << "Buffer Deleter: " << buffer->to_string() << std::endl;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (buffer->native_handle == nullptr) {
+        delete buffer;
+        return;
+    }
+    NativeHandleManager::RemoveNativeHandle(&buffer->native_handle);
+    if (buffer->offset == 0) {
+        munmap(buffer->va, buffer->fd_size);
+    } else {
+        // Unmapping fd_size bytes from va would miss the first bytes of this buffer's mapping
+        // and reach past its end into whatever lies there. Release exactly the mapping that
+        // import made instead.
+        ZEL_LOG(ZONE_ERR, debug::PRINT_ALWAYS,
+                "* Buffer Deleter: offset(%u) buffer unmapped from base_va(%p), not va(%p)\n",
+                buffer->offset, buffer->base_va, buffer->va);
+        munmap(buffer->base_va, buffer->fd_size);
+    }
+    delete buffer;
+}
+
+Buffer::sptr DummyImporter::import(int fd, uint32_t fd_size, uint32_t size, uint32_t offset,
+                                   void* va) {
+    try {
+        return Buffer::sptr(new Buffer(va, size, offset, fd_size, fd, nullptr),
+                            DummyImporterDeleter);
+    } catch (const std::exception& e) {
+        ZEL_MSG(ZONE_ERR) << "Exception: " << e.what() << std::endl;
+        return nullptr;
+    }
+}
+
+void DummyImporter::DummyImporterDeleter(Buffer* buffer) {
+    try {
+        ZEL_MSG(ZONE_MEM) << "Buffer Deleter: " << buffer->to_string() << std::endl;
+    } catch (const std::exception& e) {
+        ZEL_MSG(ZONE_ERR) << "Exception: " << e.what() << std::endl;
+    }
+    delete buffer;
+}
+
+}  // namespace memory
+}  // namespace zel
