@@ -1,0 +1,204 @@
+// ZelProfiler construction, stage nodes and the recording path.
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "src/common/zel_memory/memory_manager.h"
+#include "util/zel_utils.h"
+#include "util/zel_utils_profiler.h"
+
+namespace zel {
+namespace util {
+
+namespace {
+
+const char* const kLabelNames[] = {
+        "TOTAL",      "DD_ROOT",    "DD_QUEUE", "DD_SESSION",       "DD_FW_IF", "FW",
+        "HW",         "HW_NPU0",    "HW_NPU1",  "HW_NPU01_OVERLAP", "HW_DSP",   "",
+        "UNIFIED_UD", "NPU_UD",     "NPU_OP",   "DSP_UD",           "DSP_OP",   "DD",
+        "CPU_UD",     "CPU_KERNEL", "GPU_UD",   "GPU_KERNEL",       "ENGINE",   "SERVICE",
+        "CLIENT",     "API",
+};
+static_assert(sizeof(kLabelNames) / sizeof(kLabelNames[0]) == kProfileLabelNone,
+              "one name per label");
+
+inline uint64_t now_us() {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                         std::chrono::system_clock::now().time_since_epoch())
+                                         .count());
+}
+
+}  // namespace
+
+ProfileNode::ProfileNode(int num_iter)
+    : start_idx(0),
+      end_idx(0),
+      label(TOTAL),
+      labelPostfix(0),
+      start_time(num_iter, 0),
+      end_time(num_iter, 0),
+      duration(num_iter, 0),
+      self_time(num_iter, 0),
+      reserved(0) {}
+
+ProfileNode::~ProfileNode() {
+    // A chain of nested nodes would otherwise be released by one destructor call per level.
+    // Nodes that someone else still holds are left to their other owners.
+    std::vector<std::shared_ptr<ProfileNode>> pending;
+    pending.swap(children);
+    while (!pending.empty()) {
+        std::shared_ptr<ProfileNode> node = std::move(pending.back());
+        pending.pop_back();
+        if (node.use_count() == 1) {
+            for (auto& child : node->children)
+                pending.push_back(std::move(child));
+            node->children.clear();
+        }
+    }
+}
+
+ZelProfiler::ZelProfiler(ProfilerKeyType key, uint64_t maxIter, std::string name, bool fastTrack)
+    : maxIter(maxIter),
+      num_label(0),
+      num_iter(0),
+      rawdata(nullptr),
+      rawdata_size(0),
+      finalized(false),
+      leaf_docking_point(TOTAL, 0),
+      fastTrack(fastTrack),
+      show_flag(false),
+      relative_timestamp(false),
+      name(std::move(name)),
+      key(key) {
+    CreateMemoryManager();
+}
+
+ZelProfiler::ZelProfiler(ProfilerKeyType key, void* rawdata_mem, uint64_t size, uint64_t maxIter,
+                         uint64_t numIter, uint64_t numLabel)
+    : maxIter(maxIter),
+      num_label(numLabel),
+      num_iter(numIter),
+      rawdata(nullptr),
+      rawdata_size(size),
+      finalized(false),
+      leaf_docking_point(TOTAL, 0),
+      fastTrack(false),
+      show_flag(false),
+      relative_timestamp(false),
+      name("default"),
+      key(key) {
+    ZEL_LOG(2, 2,
+            "  ZelProfiler(%lx) construct from rawdata_mem(%p) maxIter(%lu) numIter(%lu) "
+            "numLabel(%lu)\n",
+            key, rawdata_mem, maxIter, numIter, numLabel);
+    if (rawdata_mem == nullptr) {
+        ZEL_LOG(0, 0, "* profiler mem info error\n");
+        throw std::runtime_error("no mem\n");
+    }
+    // malloc(0) may legitimately return null; an empty copy still needs a distinct block.
+    void* copy = std::malloc(size != 0 ? size : 1);
+    if (copy == nullptr) {
+        ZEL_LOG(0, 0, "* profiler mem alloc error\n");
+        throw std::runtime_error("no mem\n");
+    }
+    if (size != 0) std::memcpy(copy, rawdata_mem, size);
+    rawdata = static_cast<ZelProfileData*>(copy);
+    try {
+        CreateMemoryManager();
+    } catch (...) {
+        std::free(rawdata);
+        throw;
+    }
+}
+
+ZelProfiler::ZelProfiler(ProfilerKeyType key, const char* rawdata_file, uint64_t maxIter,
+                         uint64_t numIter, uint64_t numLabel)
+    : maxIter(maxIter),
+      num_label(numLabel),
+      num_iter(numIter),
+      rawdata(nullptr),
+      rawdata_size(0),
+      finalized(false),
+      leaf_docking_point(TOTAL, 0),
+      fastTrack(false),
+      show_flag(false),
+      relative_timestamp(false),
+      name("default"),
+      key(key) {
+    ZEL_LOG(2, 2,
+            "  ZelProfiler(%lx) construct from rawdatafile(%s) maxIter(%lu) numIter(%lu) "
+            "numLabel(%lu)\n",
+            key, rawdata_file, maxIter, numIter, numLabel);
+    uint32_t size = 0;
+    // Only the size is taken over; the contents are dropped when `contents` goes.
+    std::unique_ptr<char[]> contents = import_file_to_mem(rawdata_file, &size, 0, 0);
+    ZEL_LOG(2, 2, "  size(%d)\n", static_cast<int>(size));
+    rawdata_size = size;
+    CreateMemoryManager();
+}
+
+ZelProfiler::~ZelProfiler() {
+    if (rawdata != nullptr) std::free(rawdata);
+}
+
+void ZelProfiler::CreateMemoryManager() {
+    memory_manager = std::make_unique<zel::memory::MemoryManager>();
+}
+
+const char* ZelProfiler::labelToString(ProfileLabel label) {
+    // Negative values never come from callers, but raw data from another process can hold
+    // anything: they print as INVALID rather than index outside the table.
+    if (static_cast<int32_t>(label) > API || static_cast<int32_t>(label) < 0) return "INVALID";
+    return kLabelNames[label];
+}
+
+void ZelProfiler::add_record_start(ProfilerLabelType label, ProfilerKeyType labelPostfix,
+                                   ProfilerKeyType iterKey) {
+    if (finalized) {
+        ZEL_LOG(0, 0, "* Cannot add new profile data after finalized. label(%ld)\n",
+                static_cast<long>(label));
+        return;
+    }
+    if (fastTrack) {
+        queue.push_back({START, label, labelPostfix, iterKey, now_us()});
+        return;
+    }
+    std::lock_guard<std::mutex> lock(queue_mutex);
+    queue.push_back({START, label, labelPostfix, iterKey, now_us()});
+}
+
+void ZelProfiler::add_record_end(ProfilerLabelType label, ProfilerKeyType labelPostfix,
+                                 ProfilerKeyType iterKey) {
+    if (finalized) {
+        ZEL_LOG(0, 0, "* Cannot add new profile data after finalized. label(%ld)\n",
+                static_cast<long>(label));
+        return;
+    }
+    if (fastTrack) {
+        queue.push_back({END, label, labelPostfix, iterKey, now_us()});
+        return;
+    }
+    std::lock_guard<std::mutex> lock(queue_mutex);
+    queue.push_back({END, label, labelPostfix, iterKey, now_us()});
+}
+
+void ZelProfiler::add_record(ProfileRecordType type, ProfileLabel& label,
+                             ProfilerKeyType& labelPostfix, ProfilerKeyType& iterKey) {
+    queue.push_back({type, label, labelPostfix, iterKey, now_us()});
+}
+
+void ZelProfiler::set_name(std::string new_name) {
+    name = std::move(new_name);
+}
+
+void ZelProfiler::set_leaf_docking_point(std::pair<ProfileLabel, ProfilerKeyType> point) {
+    leaf_docking_point = point;
+}
+
+std::pair<ProfileLabel, ProfilerKeyType> ZelProfiler::get_leaf_docking_point() {
+    return leaf_docking_point;
+}
+
+}  // namespace util
+}  // namespace zel

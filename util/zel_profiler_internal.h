@@ -1,0 +1,33 @@
+// Helpers shared by the profiler's source files; not part of the public interface.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "util/zel_utils_profiler.h"
+
+namespace zel {
+namespace util {
+namespace profiler_internal {
+
+// Whether `iterations` x `labels` records fit in `size` bytes. Raw data from another process may
+// carry counts that disagree with its size; reading by such counts would run past the array.
+inline bool counts_fit(uint64_t iterations, uint64_t labels, uint64_t size) {
+    if (iterations == 0 || labels == 0) return true;
+    const uint64_t records = size / sizeof(ZelProfileData);
+    return labels <= records && iterations <= records / labels;
+}
+
+// Label name of a raw-data label word, compared and printed as its 32-bit value.
+inline const char* label_name(int64_t label) {
+    return ZelProfiler::labelToString(static_cast<ProfileLabel>(static_cast<int32_t>(label)));
+}
+
+// "*" followed by "**" per depth level, the marker of the tree traces.
+inline std::string depth_marker(int depth) {
+    return "*" + std::string(depth > 0 ? 2 * static_cast<size_t>(depth) : 0, '*');
+}
+
+}  // namespace profiler_internal
+}  // namespace util
+}  // namespace zel
