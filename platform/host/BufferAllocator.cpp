@@ -36,11 +36,14 @@ int MemfdAlloc(const std::string& heap_name, size_t len) {
     return fd;
 }
 
+// The fallback buffers are memfds, which carry seals; a dmabuf has none.
+bool IsMemfd(int fd) { return fcntl(fd, F_GET_SEALS) >= 0; }
+
 int SyncIoctl(unsigned int fd, uint64_t flags) {
+    // A memfd is plain page-cache memory: there are no device caches to maintain.
+    if (IsMemfd(static_cast<int>(fd))) return 0;
     struct dma_buf_sync sync = {flags};
-    if (ioctl(static_cast<int>(fd), DMA_BUF_IOCTL_SYNC, &sync) == 0) return 0;
-    // A memfd has no caches to maintain.
-    return errno == ENOTTY ? 0 : -errno;
+    return ioctl(static_cast<int>(fd), DMA_BUF_IOCTL_SYNC, &sync) == 0 ? 0 : -errno;
 }
 
 uint64_t SyncFlags(SyncType type) {
