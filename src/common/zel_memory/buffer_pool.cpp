@@ -1,5 +1,9 @@
 #include "src/common/zel_memory/buffer_pool.h"
 
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
 #include "debug/zel_debug.h"
 
 namespace zel {
@@ -16,6 +20,51 @@ bool SameView(const Buffer& buffer, const ZelBuffer& record) {
     return buffer.va == record.va && buffer.size == record.size && buffer.offset == record.offset;
 }
 
+// Users keep the address of their record after deleting its buffer (deleting it twice is an
+// ordinary failure case), and every lookup by record reads its fields. So records are recycled
+// rather than freed: a retired record stays readable and holds values no buffer has (its own
+// address as va, all-ones size and offset). The store is shared by all pools and never destroyed,
+// so records stay valid through static destruction; it holds at most the peak number of records
+// alive at once.
+class RecordStore {
+  public:
+    UserBufferSptr make(const Buffer& buffer) {
+        ZelBuffer* record = nullptr;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (!free_.empty()) {
+                record = free_.back();
+                free_.pop_back();
+            } else {
+                // Room for every record made, so that retiring one (inside a deleter) never
+                // allocates.
+                free_.reserve(created_ + 1);
+                record = new ZelBuffer;
+                ++created_;
+            }
+        }
+        *record = ZelBuffer{buffer.va, buffer.size, buffer.offset};
+        // Should the shared pointer fail to allocate, it retires the record itself.
+        return UserBufferSptr(record, [this](ZelBuffer* retired) { retire(retired); });
+    }
+
+  private:
+    void retire(ZelBuffer* record) {
+        *record = ZelBuffer{record, UINT32_MAX, UINT32_MAX};
+        std::lock_guard<std::mutex> lock(mutex_);
+        free_.push_back(record);
+    }
+
+    std::mutex mutex_;
+    std::vector<ZelBuffer*> free_;
+    size_t created_ = 0;
+};
+
+RecordStore& Records() {
+    static RecordStore* store = new RecordStore;
+    return *store;
+}
+
 }  // namespace
 
 UserBufferSptr BufferPool::add_buffer(Buffer::sptr buffer) {
@@ -25,7 +74,7 @@ UserBufferSptr BufferPool::add_buffer(Buffer::sptr buffer) {
         ZEL_MSG(ZONE_WAR) << "buffer map already has buffer: " << buffer->to_string() << std::endl;
         return found->second;
     }
-    UserBufferSptr record(new ZelBuffer{buffer->va, buffer->size, buffer->offset});
+    UserBufferSptr record = Records().make(*buffer);
     buffer_map.emplace(std::move(buffer), record);
     return record;
 }
