@@ -12,11 +12,25 @@ namespace {
 std::mutex g_mutex;
 std::vector<LogLine>* g_lines = nullptr;
 
-void CaptureLogger(const struct __android_logger_data* data, const char* message) {
+void Record(int priority, const char* tag, const char* message) {
     std::lock_guard<std::mutex> lock(g_mutex);
     if (g_lines == nullptr) return;
-    g_lines->push_back({data->priority, data->tag != nullptr ? data->tag : "", message});
+    g_lines->push_back({priority, tag != nullptr ? tag : "", message});
 }
+
+#if defined(__ANDROID__)
+// Android's released logger interface: one message record.
+void CaptureLogger(const struct __android_log_message* message) {
+    Record(message->priority, message->tag, message->message);
+}
+void RestoreDefaultLogger() { __android_log_set_logger(__android_log_logd_logger); }
+#else
+// The host liblog's interface: logger data and the text apart.
+void CaptureLogger(const struct __android_logger_data* data, const char* message) {
+    Record(data->priority, data->tag, message);
+}
+void RestoreDefaultLogger() { __android_log_set_logger(__android_log_stderr_logger); }
+#endif
 
 }  // namespace
 
@@ -30,7 +44,7 @@ LogCapture::LogCapture() {
 }
 
 LogCapture::~LogCapture() {
-    __android_log_set_logger(__android_log_stderr_logger);
+    RestoreDefaultLogger();
     std::lock_guard<std::mutex> lock(g_mutex);
     delete g_lines;
     g_lines = nullptr;
