@@ -23,9 +23,11 @@ inline const char* label_name(int64_t label) {
     return ZelProfiler::labelToString(static_cast<ProfileLabel>(static_cast<int32_t>(label)));
 }
 
-// "*" followed by "**" per depth level, the marker of the tree traces.
+// "*" followed by "**" per depth level, the marker of the tree traces. liblog cuts a line at
+// 1023 characters, so the marker is never built longer than that.
 inline std::string depth_marker(int depth) {
-    return "*" + std::string(depth > 0 ? 2 * static_cast<size_t>(depth) : 0, '*');
+    const size_t stars = depth > 0 ? 2 * static_cast<size_t>(depth) : 0;
+    return "*" + std::string(stars < 1024 ? stars : 1024, '*');
 }
 
 }  // namespace profiler_internal

@@ -4,6 +4,7 @@
 // across iterations; every stage is then shown in those same iterations, so that a row reads as
 // "this stage in the iteration that was typical for the request". The walks keep their own stack
 // (see the tree builder) so that deeply nested raw data cannot exhaust the thread's stack.
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -20,6 +21,14 @@ namespace {
 constexpr size_t kCellLimit = 15;  // a cell of this many characters or more stops the row
 constexpr size_t kCellWidth = 18;
 constexpr size_t kColumns = 7;
+
+// liblog cuts every line at 1023 characters, so a deeper prefix than this could never show;
+// capping it keeps the cost of a line independent of its depth.
+constexpr size_t kPrefixLimit = 1024;
+
+std::string depth_prefix(int depth) {
+    return std::string(depth > 0 ? std::min(static_cast<size_t>(depth), kPrefixLimit) : 0, '_');
+}
 
 void pad_append(std::string& line, const std::string& cell) {
     if (cell.size() < kCellWidth) line.append(kCellWidth - cell.size(), ' ');
@@ -152,7 +161,7 @@ void ZelProfiler::show_records_7columns(int depth, std::vector<int> ranks, std::
             }
             pad_append(line, cell);
         }
-        const std::string prefix(d > 0 ? static_cast<size_t>(d) : 0, '_');
+        const std::string prefix = depth_prefix(d);
         if (n->labelPostfix != 0) {
             ZEL_LOG(2, 0, "*  %s %s%s_0x%lx\n", line.c_str(), prefix.c_str(),
                     labelToString(n->label), n->labelPostfix);
@@ -246,7 +255,7 @@ ZelReturn ZelProfiler::show_result_summary_nodes(int depth, int idx_90, int idx_
         const int64_t widened = static_cast<int32_t>(total);
         const double average =
                 static_cast<double>(static_cast<uint64_t>(widened)) / static_cast<double>(num_iter);
-        const std::string prefix(d > 0 ? static_cast<size_t>(d) : 0, '_');
+        const std::string prefix = depth_prefix(d);
         if (n->labelPostfix != 0) {
             ZEL_LOG(2, 0, "*       %12.1f          %12lu        %12lu    %s%s_0x%lx\n", average,
                     n->self_time[idx_median], n->self_time[idx_90], prefix.c_str(),
