@@ -8,4 +8,10 @@ namespace zel_prof {
 // `zel-prof config`: the print mask and zone table this process was configured with.
 void AddConfigCommand(CLI::App& app);
 
+// `zel-prof demo`: a profiled model run across client, service and driver processes.
+void AddDemoCommand(CLI::App& app);
+
+// `zel-prof report FILE`: the reports of a raw-data file.
+void AddReportCommand(CLI::App& app);
+
 }  // namespace zel_prof

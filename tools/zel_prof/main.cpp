@@ -8,6 +8,8 @@ int main(int argc, char** argv) {
             "zel-prof: configuration, profiling demo and profile reports of libzel_common_utils"};
     app.require_subcommand(1);
     zel_prof::AddConfigCommand(app);
+    zel_prof::AddDemoCommand(app);
+    zel_prof::AddReportCommand(app);
     CLI11_PARSE(app, argc, argv);
     return 0;
 }
