@@ -1,0 +1,153 @@
+// Device profiler (the buffer shared with the driver and its conversion into raw data) and the
+// client profiler's packing of its profile for the service.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "src/common/zel_memory/buffer.h"
+#include "support/log_capture.h"
+#include "util/zel_utils_profiler_client.h"
+#include "util/zel_utils_profiler_device.h"
+
+namespace {
+
+using namespace zel::util;
+using zel_test::Line;
+
+// Writes iteration k's entries ({label, duration} per slot) into the DD and FW areas.
+void Write(ZelDeviceProfiler& device, uint64_t k,
+           const std::vector<std::pair<ProfileLabel, uint32_t>>& dd,
+           const std::vector<std::pair<ProfileLabel, uint32_t>>& fw) {
+    auto* va = static_cast<uint8_t*>(device.device_memory->va);
+    auto put = [](uint8_t* at, std::pair<ProfileLabel, uint32_t> slot) {
+        const DeviceProfilerData entry{static_cast<uint16_t>(slot.first), 3, slot.second};
+        memcpy(at, &entry, sizeof(entry));
+    };
+    for (size_t i = 0; i < dd.size(); ++i)
+        put(va + 8 + (k * dd.size() + i) * 8, dd[i]);
+    for (size_t j = 0; j < fw.size(); ++j)
+        put(va + 8 + device.split_offset_ + (k * fw.size() + j) * 8, fw[j]);
+    const uint64_t num_iter = k + 1;
+    memcpy(va, &num_iter, 8);
+}
+
+// "S<label>:<time>" / "E<label>:<time>" for the records of iteration k.
+std::string Records(const ZelDeviceProfiler& device, uint64_t k) {
+    std::string text;
+    for (uint64_t r = k * device.num_label; r < (k + 1) * device.num_label; ++r) {
+        const ZelProfileData& d = device.rawdata[r];
+        if (d.labelPostfix != device.key || d.iterKey != 0) return "bad postfix or iterKey";
+        text += (d.type == START ? "S" : "E") + std::to_string(d.label) + ":" +
+                std::to_string(d.timestamp) + " ";
+    }
+    return text;
+}
+
+TEST(DeviceProfilerTest, BufferGeometryAndIterationLimit) {
+    ZelDeviceProfiler overview(5, 100, false);
+    EXPECT_EQ(6u, overview.num_label);
+    EXPECT_EQ(800u, overview.split_offset_);
+    EXPECT_EQ(48u * 100 + 8, overview.device_memory->size);
+    EXPECT_GE(overview.device_memory->fd, 0);
+    EXPECT_EQ(8, overview.reserved);
+    ZelDeviceProfiler detail(5, 100, true);
+    EXPECT_EQ(18u, detail.num_label);
+    EXPECT_EQ(3200u, detail.split_offset_);
+    EXPECT_EQ(144u * 100 + 8, detail.device_memory->size);
+
+    zel_test::LogCapture log;
+    try {
+        ZelDeviceProfiler too_big(5, ZelDeviceProfiler::kMaxIterLimit + 1, false);
+        ADD_FAILURE() << "accepted too big an iteration limit";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ("Fail to alloc profile mem\n", error.what());
+    }
+    EXPECT_TRUE(
+            log.contains(Line("* Cannot accept too big iteration limit(100000001 > 100000000)\n")));
+}
+
+TEST(DeviceProfilerTest, OverviewEntriesBecomeNestedRecordsPerIteration) {
+    ZelDeviceProfiler device(9, 4, false);
+    Write(device, 0, {{DD_ROOT, 100}}, {{FW, 30}, {HW, 20}});
+    Write(device, 1, {{DD_ROOT, 50}}, {{FW, 40}, {HW, 0xFFFFFFFF}});
+    ASSERT_EQ(0, device.preprocess_device_data_to_rawdata());
+    EXPECT_EQ(2u, device.num_iter);
+    EXPECT_EQ(2u * 6 * 40, device.rawdata_size);
+    EXPECT_TRUE(device.relative_timestamp);
+    EXPECT_EQ("S1:0 S5:0 S6:0 E6:20 E5:30 E1:100 ", Records(device, 0));
+    // A duration the driver did not measure ends the stage where it starts.
+    EXPECT_EQ("S1:0 S5:0 S6:0 E6:0 E5:40 E1:50 ", Records(device, 1));
+    EXPECT_EQ(0, device.finalize());
+    EXPECT_TRUE(device.finalized);
+}
+
+TEST(DeviceProfilerTest, DetailChildrenFollowEachOtherFromTheirParentsStart) {
+    ZelDeviceProfiler device(9, 2, true);
+    Write(device, 0, {{DD_ROOT, 40}, {DD_QUEUE, 5}, {DD_SESSION, 7}, {DD_FW_IF, 20}},
+          {{FW, 15}, {HW_NPU0, 6}, {HW_NPU1, 4}, {HW_NPU01_OVERLAP, 0}, {HW_DSP, 0xFFFFFFFF}});
+    ASSERT_EQ(0, device.preprocess_device_data_to_rawdata());
+    EXPECT_EQ(
+            "S1:0 S2:0 E2:5 S3:5 E3:12 S4:12 S5:12 S10:12 E10:12 S9:12 E9:12 S7:12 E7:18 "
+            "S8:18 E8:22 E5:27 E4:32 E1:40 ",
+            Records(device, 0));
+    EXPECT_EQ(0, device.finalize());
+    EXPECT_TRUE(device.finalized);
+
+    // Times are 32-bit: past 2^31 a START reads sign-extended, an END zero-extended.
+    ZelDeviceProfiler wrap(9, 1, true);
+    Write(wrap, 0, {{DD_ROOT, 0}, {DD_QUEUE, 0x80000000}, {DD_SESSION, 1}, {DD_FW_IF, 0}},
+          {{FW, 0}, {HW_NPU0, 0}, {HW_NPU1, 0}, {HW_NPU01_OVERLAP, 0}, {HW_DSP, 0}});
+    ASSERT_EQ(0, wrap.preprocess_device_data_to_rawdata());
+    EXPECT_EQ(0x80000000u, wrap.rawdata[2].timestamp);          // END DD_QUEUE
+    EXPECT_EQ(0xFFFFFFFF80000000u, wrap.rawdata[3].timestamp);  // START DD_SESSION
+    EXPECT_EQ(0x80000001u, wrap.rawdata[4].timestamp);          // END DD_SESSION
+}
+
+TEST(DeviceProfilerTest, UnwrittenBufferYieldsNoRecords) {
+    ZelDeviceProfiler device(9, 4, false);
+    EXPECT_EQ(0, device.preprocess_device_data_to_rawdata());
+    EXPECT_EQ(0u, device.num_iter);
+    EXPECT_EQ(0u, device.rawdata_size);
+    EXPECT_EQ(0, device.finalize());
+    EXPECT_FALSE(device.finalized);
+}
+
+TEST(ClientProfilerTest, PacksHeaderAndRawDataOnce) {
+    ZelClientProfiler client(0x1234, 10, false);
+    EXPECT_EQ("Client", client.name);
+    for (uint64_t i = 0; i < 3; ++i) {
+        client.add_record_start(API, 0, i);
+        client.add_record_start(CLIENT, 0, i);
+        client.add_record_end(CLIENT, 0, i);
+        client.add_record_end(API, 0, i);
+    }
+    ASSERT_EQ(0, client.finalize());
+    zel::memory::Buffer::sptr packed = client.fill_profile_mem_to_send_service();
+    ASSERT_NE(nullptr, packed);
+    ASSERT_EQ(24u + 3 * 4 * 40, packed->size);
+    EXPECT_GE(packed->fd, 0);
+    ClientProfileHeader header;
+    memcpy(&header, packed->va, sizeof(header));
+    EXPECT_EQ(0x1234u, header.model_id);
+    EXPECT_EQ(4u, header.num_label);
+    EXPECT_EQ(3u, header.num_iter);
+    EXPECT_EQ(0, memcmp(static_cast<uint8_t*>(packed->va) + 24, client.rawdata, 480));
+
+    zel_test::LogCapture log;
+    EXPECT_EQ(nullptr, client.fill_profile_mem_to_send_service());
+    EXPECT_TRUE(log.contains(Line("  ClientProfiler mem is already processed\n")));
+    EXPECT_EQ(0x1234u, static_cast<ClientProfileHeader*>(packed->va)->model_id);
+
+    // Nothing recorded: only the header travels.
+    ZelClientProfiler empty(7, 10, true);
+    ASSERT_EQ(0, empty.finalize());
+    zel::memory::Buffer::sptr header_only = empty.fill_profile_mem_to_send_service();
+    ASSERT_NE(nullptr, header_only);
+    EXPECT_EQ(24u, header_only->size);
+    EXPECT_EQ(7u, static_cast<ClientProfileHeader*>(header_only->va)->model_id);
+}
+
+}  // namespace
