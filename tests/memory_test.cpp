@@ -163,6 +163,10 @@ TEST_F(MemoryTest, FdImportChecksItsArgumentsAndOwnsADuplicate) {
                                      "), size(4096)" + kImporterAt + "58)")));
     close(pipe_fds[0]);
     close(pipe_fds[1]);
+    // A descriptor number that is not open cannot even be duplicated.
+    EXPECT_EQ(nullptr, importer.import(9999, 4096, 16, 0, nullptr));
+    EXPECT_TRUE(log.contains(
+            MsgLine("Exception: mmap failed : fd(9999), size(4096)" + kImporterAt + "58)")));
 
     Buffer::sptr buffer = importer.import(fd, 8192, 100, 300, nullptr);
     ASSERT_NE(nullptr, buffer);
