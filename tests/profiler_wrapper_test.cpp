@@ -180,7 +180,7 @@ TEST(ProfilerWrapperTest, HandOverRespectsTheSkipBits) {
         W::profile_until(1, API, 0, 0);
         // Nobody would take the client's data.
         std::string text = std::to_string(W::get_client_profiler_mem(1) == nullptr);
-        W::profilerMap_.erase(1);  // leave the profiler to the process
+        W::remove_profiler(1);
         return text;
     });
     EXPECT_EQ("1", result);
