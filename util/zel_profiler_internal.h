@@ -30,6 +30,11 @@ inline std::string depth_marker(int depth) {
     return "*" + std::string(stars < 1024 ? stars : 1024, '*');
 }
 
+// Durations and self times of every iteration for the whole tree, node by node: what
+// calculate_self_time_nodes gives iteration by iteration, without its traces. Used when those
+// traces are filtered out anyway.
+void calculate_self_time_all(ProfileNode* root, uint64_t num_iter);
+
 }  // namespace profiler_internal
 }  // namespace util
 }  // namespace zel

@@ -106,9 +106,8 @@ ZelReturn ZelProfiler::finalize() {
     }
     ZEL_LOG(3, 2, "  fill_data_to_tree Done\n");
 
-    uint64_t out = 0;
-    for (uint64_t i = 0; i < num_iter; ++i)
-        calculate_self_time_nodes(0, i, root, out);
+    // Every iteration's durations and self times, from the root.
+    calculate_self_time();
     ZEL_LOG(3, 2, "  calculate_self_time Done\n");
 
     finalized = true;

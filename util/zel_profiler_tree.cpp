@@ -4,6 +4,7 @@
 // Every walk keeps its own stack of frames instead of recursing: raw data from another process
 // can nest tens of thousands of stages deep, which a recursive walk could not survive. The
 // traces come out in the same order as a depth-first recursion would print them.
+#include <algorithm>
 #include <climits>
 #include <vector>
 
@@ -119,6 +120,21 @@ ZelReturn ZelProfiler::fill_data_to_tree() {
         return 1;
     }
     const bool trace = trace_on(zel::debug::ZONE_DBG);
+    // The maps hold the same answer for a record index in every iteration: look each up once.
+    // The node is checked to have been grown for this many iterations.
+    auto by_index = [this](const std::map<int, std::shared_ptr<ProfileNode>>& map) {
+        std::vector<ProfileNode*> nodes(num_label, nullptr);
+        for (const auto& entry : map) {
+            if (entry.first >= 0 && static_cast<uint64_t>(entry.first) < num_label &&
+                entry.second && entry.second->start_time.size() >= num_iter &&
+                entry.second->end_time.size() >= num_iter) {
+                nodes[entry.first] = entry.second.get();
+            }
+        }
+        return nodes;
+    };
+    const std::vector<ProfileNode*> starts = by_index(start_node_map);
+    const std::vector<ProfileNode*> ends = by_index(end_node_map);
     for (uint64_t i = 0; i < num_iter; ++i) {
         int64_t prev_label = 0;
         uint64_t prev_time = 0;
@@ -126,19 +142,13 @@ ZelReturn ZelProfiler::fill_data_to_tree() {
             if (trace) ZEL_LOG(3, 2, "  iter[%lu]*%lu  label[%lu]\n", i, num_label, r);
             const ZelProfileData& record = rawdata[static_cast<uint32_t>(i * num_label + r)];
             const bool is_start = record.type == START;
-            auto& map = is_start ? start_node_map : end_node_map;
-            auto found = map.find(static_cast<int>(r));
-            if (found == map.end()) {
+            ProfileNode* node = is_start ? starts[r] : ends[r];
+            if (node == nullptr) {
                 if (is_start) {
                     ZEL_LOG(0, 0, "* Fail to find start label. label_count[%lu]\n", r);
                 } else {
                     ZEL_LOG(0, 0, "* Fail to find end label. label_count[%lu]\n", r);
                 }
-                return 1;
-            }
-            ProfileNode* node = found->second.get();
-            if (i >= node->start_time.size()) {
-                ZEL_LOG(0, 0, "* Tree was grown for fewer iterations. iter[%lu]\n", i);
                 return 1;
             }
             if (is_start) {
@@ -237,11 +247,66 @@ ZelReturn ZelProfiler::calculate_self_time_nodes(int depth, uint64_t iter,
 }
 
 ZelReturn ZelProfiler::calculate_self_time() {
+    if (!trace_on(zel::debug::ZONE_DBG)) {
+        profiler_internal::calculate_self_time_all(root.get(), num_iter);
+        return 0;
+    }
     uint64_t out = 0;
     for (uint64_t i = 0; i < num_iter; ++i)
         calculate_self_time_nodes(0, i, root, out);
     return 0;
 }
+
+namespace profiler_internal {
+
+void calculate_self_time_all(ProfileNode* root, uint64_t num_iter) {
+    struct Frame {
+        ProfileNode* node;
+        size_t next_child;
+    };
+    if (root == nullptr) return;
+    std::vector<Frame> stack;
+    // Whole series at a time: a node's durations on the way down, its self times from its
+    // children's durations on the way back up. Same results as the per-iteration walk, with
+    // streaming access to each series.
+    auto enter = [&](ProfileNode* n) {
+        const size_t count = std::min<size_t>(num_iter, n->duration.size());
+        for (size_t i = 0; i < count; ++i)
+            n->duration[i] = n->end_time[i] - n->start_time[i];
+        stack.push_back({n, 0});
+    };
+    enter(root);
+    while (!stack.empty()) {
+        Frame& frame = stack.back();
+        ProfileNode* n = frame.node;
+        if (frame.next_child < n->children.size()) {
+            ProfileNode* child = n->children[frame.next_child++].get();
+            enter(child);
+            continue;
+        }
+        // TOTAL (the root among them) counts what its children measured, any other stage what
+        // they did not cover; unsigned, so overlapping children wrap.
+        const size_t count = std::min<size_t>(num_iter, n->self_time.size());
+        const bool total = n->label == TOTAL;
+        uint64_t* self = n->self_time.data();
+        for (size_t i = 0; i < count; ++i)
+            self[i] = total ? 0 : n->duration[i];
+        for (const auto& child : n->children) {
+            const size_t shared = std::min(count, child->duration.size());
+            const uint64_t* d = child->duration.data();
+            if (total) {
+                for (size_t i = 0; i < shared; ++i)
+                    self[i] += d[i];
+            } else {
+                for (size_t i = 0; i < shared; ++i)
+                    self[i] -= d[i];
+            }
+        }
+        stack.pop_back();
+    }
+}
+
+}  // namespace profiler_internal
 
 ZelReturn ZelProfiler::show_nodes(int depth, std::shared_ptr<ProfileNode> node) {
     struct Frame {
