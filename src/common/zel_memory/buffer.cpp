@@ -1,5 +1,6 @@
 #include "src/common/zel_memory/buffer.h"
 
+#include <cstdint>
 #include <sstream>
 
 namespace zel {
@@ -25,7 +26,8 @@ Buffer::Buffer(void* va, uint32_t size, uint32_t offset, uint32_t fd_size, int f
     } else if (end > this->fd_size) {
         throw TalornNnException(kPath, 49) << "Offset is bigger or equal than size";
     }
-    this->va = static_cast<char*>(base_va) + offset;
+    // Integer arithmetic: a dummy buffer may wrap a null or arbitrary address.
+    this->va = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(base_va) + offset);
 }
 
 Buffer::~Buffer() = default;

@@ -64,7 +64,11 @@ void NativeHandleManager::RemoveNativeHandle(native_handle_t** handle) {
         ZEL_LOG(0, debug::PRINT_ALWAYS, "* Handle is null: nothing to remove\n");
         return;
     }
-    ZEL_MSG(ZONE_MEM) << "Handle is removed: " << target->data[0] << std::endl;
+    if (target->numFds > 0) {
+        ZEL_MSG(ZONE_MEM) << "Handle is removed: " << target->data[0] << std::endl;
+    } else {
+        ZEL_LOG(0, debug::PRINT_ALWAYS, "* Handle is removed: it holds no descriptor\n");
+    }
     native_handle_close(target);
     native_handle_delete(target);
 }
