@@ -71,8 +71,17 @@ Buffer::sptr DeviceBufferAllocator::create_memory(uint32_t size) {
             throw TalornNnException(kPath, 82)
                     << "mmap failed : fd(" << fd << "), size(" << size << ")";
         }
-        Buffer::sptr buffer(new Buffer(mapped, size, 0, size, fd, handle),
-                            DeviceBufferAllocatorDeleter);
+        Buffer* record;
+        try {
+            record = new Buffer(mapped, size, 0, size, fd, handle);
+        } catch (...) {
+            munmap(mapped, size);
+            native_handle_close(handle);
+            native_handle_delete(handle);
+            throw;
+        }
+        // Should the shared pointer fail to allocate, it applies the deleter itself.
+        Buffer::sptr buffer(record, DeviceBufferAllocatorDeleter);
         ZEL_MSG(ZONE_MEM) << "Buffer Created: " << buffer->to_string() << std::endl;
         return buffer;
     } catch (const std::exception& e) {
@@ -85,10 +94,11 @@ void DeviceBufferAllocator::DeviceBufferAllocatorDeleter(Buffer* buffer) {
     try {
         ZEL_MSG(ZONE_MEM) << "Buffer Deleter: " << buffer->to_string() << std::endl;
         NativeHandleManager::RemoveNativeHandle(&buffer->native_handle);
-        munmap(buffer->va, buffer->fd_size);
     } catch (const std::exception& e) {
         ZEL_MSG(ZONE_ERR) << "Exception: " << e.what() << std::endl;
     }
+    // Whatever the log did, the mapping goes.
+    munmap(buffer->va, buffer->fd_size);
     delete buffer;
 }
 

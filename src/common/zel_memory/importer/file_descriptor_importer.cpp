@@ -17,38 +17,47 @@ constexpr const char kPath[] = "src/common/zel_memory/importer/file_descriptor_i
 
 Buffer::sptr FdImporter::import(int fd, uint32_t fd_size, uint32_t size, uint32_t offset,
                                 void* /*va*/) {
-    std::lock_guard<std::mutex> lock(mutex);
-    native_handle_t* handle = nullptr;
-    void* mapped = MAP_FAILED;
-    try {
-        if (static_cast<uint32_t>(size + offset) > fd_size) {
-            throw TalornNnException(kPath, 52)
-                    << "Parameter is incorrect" << size << ", " << offset << ", " << fd_size;
-        }
-        if (fd < 0) throw TalornNnException(kPath, 75) << "fd is incorrect: " << fd;
+    Buffer* imported = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        native_handle_t* handle = nullptr;
+        void* mapped = MAP_FAILED;
+        try {
+            if (static_cast<uint32_t>(size + offset) > fd_size) {
+                throw TalornNnException(kPath, 52)
+                        << "Parameter is incorrect" << size << ", " << offset << ", " << fd_size;
+            }
+            if (fd < 0) throw TalornNnException(kPath, 75) << "fd is incorrect: " << fd;
 
-        const int new_fd = NativeHandleManager::CloneNativeHandle(&handle, fd);
-        // The whole file is mapped; the offset only moves the buffer's va, so it need not be
-        // page-aligned.
-        mapped = mmap(nullptr, fd_size, PROT_READ | PROT_WRITE, MAP_SHARED, new_fd, 0);
-        if (mapped == nullptr || mapped == MAP_FAILED) {
-            mapped = MAP_FAILED;
-            throw TalornNnException(kPath, 58)
-                    << "mmap failed : fd(" << fd << "), size(" << fd_size << ")";
+            const int new_fd = NativeHandleManager::CloneNativeHandle(&handle, fd);
+            // The whole file is mapped; the offset only moves the buffer's va, so it need not be
+            // page-aligned.
+            mapped = mmap(nullptr, fd_size, PROT_READ | PROT_WRITE, MAP_SHARED, new_fd, 0);
+            if (mapped == nullptr || mapped == MAP_FAILED) {
+                mapped = MAP_FAILED;
+                throw TalornNnException(kPath, 58)
+                        << "mmap failed : fd(" << fd << "), size(" << fd_size << ")";
+            }
+            if (handle == nullptr) {
+                throw TalornNnException(kPath, 62) << "Native Handle couldn't cloned : fd " << fd;
+            }
+            imported = new Buffer(mapped, size, offset, fd_size, new_fd, handle);
+        } catch (const std::exception& e) {
+            // Nothing made so far may outlive the failed import: the duplicate and the mapping.
+            if (mapped != MAP_FAILED) munmap(mapped, fd_size);
+            if (handle != nullptr) {
+                native_handle_close(handle);
+                native_handle_delete(handle);
+            }
+            ZEL_MSG(ZONE_ERR) << "Exception: " << e.what() << std::endl;
+            return nullptr;
         }
-        if (handle == nullptr) {
-            throw TalornNnException(kPath, 62) << "Native Handle couldn't cloned : fd " << fd;
-        }
-        Buffer::sptr buffer(new Buffer(mapped, size, offset, fd_size, new_fd, handle),
-                            [this](Buffer* released) { release(released); });
-        return buffer;
+    }
+    // Outside the lock: a shared pointer that cannot be made releases the buffer through its
+    // deleter, which takes the lock itself.
+    try {
+        return Buffer::sptr(imported, [this](Buffer* released) { release(released); });
     } catch (const std::exception& e) {
-        // Nothing made so far may outlive the failed import: the duplicate and the mapping.
-        if (mapped != MAP_FAILED) munmap(mapped, fd_size);
-        if (handle != nullptr) {
-            native_handle_close(handle);
-            native_handle_delete(handle);
-        }
         ZEL_MSG(ZONE_ERR) << "Exception: " << e.what() << std::endl;
         return nullptr;
     }
