@@ -224,3 +224,41 @@ TEST_F(ProfilerTest, LockedRecordingFromEightThreadsLosesNothing) {
         EXPECT_EQ(r.type, r.iterKey % 2);
     }
 }
+
+TEST_F(ProfilerTest, TracedAndQuietFinalizeComputeTheSameTimes) {
+    // Finalize computes block by block when its traces are off and iteration by iteration when
+    // they are on; the two must agree, across block boundaries too.
+    std::vector<ZelProfileData> records;
+    for (uint64_t i = 0; i < 5000; ++i) {
+        const uint64_t t = 1000 * i, d = i % 17;
+        records.insert(records.end(),
+                       {Start(TOTAL, 7, t), Start(FW, 0, t + 1), Start(NPU_OP, 2, t + 2 + d),
+                        End(NPU_OP, 2, t + 20 + d), End(FW, 0, t + 40), Start(TOTAL, 9, t + 41),
+                        End(TOTAL, 9, t + 45 + d), End(TOTAL, 7, t + 90)});
+    }
+    auto quiet = FromRecords(records, 5000, 8);
+    ASSERT_EQ(quiet->finalize(), 0);
+    zel::debug::DbgPrintManager::GetInstance()->set_mask(0xF);
+    auto traced = FromRecords(records, 5000, 8);
+    ASSERT_EQ(traced->finalize(), 0);
+    EXPECT_TRUE(log.contains(Line("  calculate_self_time Done\n")));
+
+    std::vector<std::pair<ProfileNode*, ProfileNode*>> pending = {
+            {quiet->root.get(), traced->root.get()}};
+    size_t nodes = 0;
+    while (!pending.empty()) {
+        auto [a, b] = pending.back();
+        pending.pop_back();
+        ++nodes;
+        ASSERT_EQ(a->children.size(), b->children.size());
+        EXPECT_EQ(a->duration, b->duration);
+        EXPECT_EQ(a->self_time, b->self_time);
+        for (size_t c = 0; c < a->children.size(); ++c) {
+            pending.push_back({a->children[c].get(), b->children[c].get()});
+        }
+    }
+    EXPECT_EQ(nodes, 5u);
+    const auto& fw = quiet->root->children[0]->children[0];
+    EXPECT_EQ(fw->self_time[4999], 39u - 18);
+    EXPECT_EQ(quiet->root->children[0]->self_time[4999], 39u + 4 + 4999 % 17);
+}

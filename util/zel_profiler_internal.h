@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "util/zel_utils_profiler.h"
 
@@ -30,10 +31,21 @@ inline std::string depth_marker(int depth) {
     return "*" + std::string(stars < 1024 ? stars : 1024, '*');
 }
 
-// Durations and self times of every iteration for the whole tree, node by node: what
+// Nodes opened and closed by each record position of an iteration (null where none is).
+struct RecordNodes {
+    std::vector<ProfileNode*> starts;
+    std::vector<ProfileNode*> ends;
+};
+RecordNodes index_record_nodes(const ZelProfiler& p);
+
+// Timestamps of iterations [begin, end) into the tree, as fill_data_to_tree does for all. 0, or 1
+// after its error line.
+ZelReturn fill_iterations(ZelProfiler& p, const RecordNodes& nodes, uint64_t begin, uint64_t end);
+
+// Durations and self times of iterations [begin, end) for the whole tree, node by node: what
 // calculate_self_time_nodes gives iteration by iteration, without its traces. Used when those
 // traces are filtered out anyway.
-void calculate_self_time_all(ProfileNode* root, uint64_t num_iter);
+void calculate_self_time_all(ProfileNode* root, uint64_t begin, uint64_t end);
 
 }  // namespace profiler_internal
 }  // namespace util

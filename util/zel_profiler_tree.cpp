@@ -119,30 +119,40 @@ ZelReturn ZelProfiler::fill_data_to_tree() {
                 num_iter, num_label);
         return 1;
     }
-    const bool trace = trace_on(zel::debug::ZONE_DBG);
-    // The maps hold the same answer for a record index in every iteration: look each up once.
-    // The node is checked to have been grown for this many iterations.
-    auto by_index = [this](const std::map<int, std::shared_ptr<ProfileNode>>& map) {
-        std::vector<ProfileNode*> nodes(num_label, nullptr);
+    return profiler_internal::fill_iterations(*this, profiler_internal::index_record_nodes(*this),
+                                              0, num_iter);
+}
+
+namespace profiler_internal {
+
+RecordNodes index_record_nodes(const ZelProfiler& p) {
+    // The maps give the same node for a record index in every iteration: look each up once.
+    // Only nodes grown for all iterations are taken.
+    auto by_index = [&p](const std::map<int, std::shared_ptr<ProfileNode>>& map) {
+        std::vector<ProfileNode*> nodes(p.num_label, nullptr);
         for (const auto& entry : map) {
-            if (entry.first >= 0 && static_cast<uint64_t>(entry.first) < num_label &&
-                entry.second && entry.second->start_time.size() >= num_iter &&
-                entry.second->end_time.size() >= num_iter) {
+            if (entry.first >= 0 && static_cast<uint64_t>(entry.first) < p.num_label &&
+                entry.second && entry.second->start_time.size() >= p.num_iter &&
+                entry.second->end_time.size() >= p.num_iter) {
                 nodes[entry.first] = entry.second.get();
             }
         }
         return nodes;
     };
-    const std::vector<ProfileNode*> starts = by_index(start_node_map);
-    const std::vector<ProfileNode*> ends = by_index(end_node_map);
-    for (uint64_t i = 0; i < num_iter; ++i) {
+    return {by_index(p.start_node_map), by_index(p.end_node_map)};
+}
+
+ZelReturn fill_iterations(ZelProfiler& p, const RecordNodes& nodes, uint64_t begin, uint64_t end) {
+    const bool trace = trace_on(zel::debug::ZONE_DBG);
+    const uint64_t num_label = p.num_label;
+    for (uint64_t i = begin; i < end; ++i) {
         int64_t prev_label = 0;
         uint64_t prev_time = 0;
         for (uint64_t r = 0; r < num_label; ++r) {
             if (trace) ZEL_LOG(3, 2, "  iter[%lu]*%lu  label[%lu]\n", i, num_label, r);
-            const ZelProfileData& record = rawdata[static_cast<uint32_t>(i * num_label + r)];
+            const ZelProfileData& record = p.rawdata[static_cast<uint32_t>(i * num_label + r)];
             const bool is_start = record.type == START;
-            ProfileNode* node = is_start ? starts[r] : ends[r];
+            ProfileNode* node = is_start ? nodes.starts[r] : nodes.ends[r];
             if (node == nullptr) {
                 if (is_start) {
                     ZEL_LOG(0, 0, "* Fail to find start label. label_count[%lu]\n", r);
@@ -181,6 +191,8 @@ ZelReturn ZelProfiler::fill_data_to_tree() {
     }
     return 0;
 }
+
+}  // namespace profiler_internal
 
 ZelReturn ZelProfiler::calculate_self_time_nodes(int depth, uint64_t iter,
                                                  std::shared_ptr<ProfileNode> node,
@@ -248,7 +260,7 @@ ZelReturn ZelProfiler::calculate_self_time_nodes(int depth, uint64_t iter,
 
 ZelReturn ZelProfiler::calculate_self_time() {
     if (!trace_on(zel::debug::ZONE_DBG)) {
-        profiler_internal::calculate_self_time_all(root.get(), num_iter);
+        profiler_internal::calculate_self_time_all(root.get(), 0, num_iter);
         return 0;
     }
     uint64_t out = 0;
@@ -259,7 +271,7 @@ ZelReturn ZelProfiler::calculate_self_time() {
 
 namespace profiler_internal {
 
-void calculate_self_time_all(ProfileNode* root, uint64_t num_iter) {
+void calculate_self_time_all(ProfileNode* root, uint64_t begin, uint64_t end) {
     struct Frame {
         ProfileNode* node;
         size_t next_child;
@@ -270,8 +282,8 @@ void calculate_self_time_all(ProfileNode* root, uint64_t num_iter) {
     // children's durations on the way back up. Same results as the per-iteration walk, with
     // streaming access to each series.
     auto enter = [&](ProfileNode* n) {
-        const size_t count = std::min<size_t>(num_iter, n->duration.size());
-        for (size_t i = 0; i < count; ++i)
+        const size_t count = std::min<size_t>(end, n->duration.size());
+        for (size_t i = begin; i < count; ++i)
             n->duration[i] = n->end_time[i] - n->start_time[i];
         stack.push_back({n, 0});
     };
@@ -286,19 +298,19 @@ void calculate_self_time_all(ProfileNode* root, uint64_t num_iter) {
         }
         // TOTAL (the root among them) counts what its children measured, any other stage what
         // they did not cover; unsigned, so overlapping children wrap.
-        const size_t count = std::min<size_t>(num_iter, n->self_time.size());
+        const size_t count = std::min<size_t>(end, n->self_time.size());
         const bool total = n->label == TOTAL;
         uint64_t* self = n->self_time.data();
-        for (size_t i = 0; i < count; ++i)
+        for (size_t i = begin; i < count; ++i)
             self[i] = total ? 0 : n->duration[i];
         for (const auto& child : n->children) {
             const size_t shared = std::min(count, child->duration.size());
             const uint64_t* d = child->duration.data();
             if (total) {
-                for (size_t i = 0; i < shared; ++i)
+                for (size_t i = begin; i < shared; ++i)
                     self[i] += d[i];
             } else {
-                for (size_t i = 0; i < shared; ++i)
+                for (size_t i = begin; i < shared; ++i)
                     self[i] -= d[i];
             }
         }
