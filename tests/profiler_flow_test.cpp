@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -206,11 +207,10 @@ std::string Service() {
 
     zel_test::LogCapture log;
     ZelProfilerWrapper::remove_profiler(kModel);
+    // The summary rows of the device stages: those are the driver's numbers.
+    const std::regex device_row("^2\\.1\\.17: \\* +[0-9]+\\.[0-9] .*_(DD_ROOT|FW|HW)_0x[12]\n$");
     for (const std::string& line : log.messages()) {
-        if (line.find("_0x") != std::string::npos && line.find("   <") == std::string::npos &&
-            line.find(".0") != std::string::npos) {
-            result += line;
-        }
+        if (std::regex_match(line, device_row)) result += line;
     }
     return result + (ZelProfilerWrapper::profilerMap_.empty() ? "" : "registry not empty\n");
 }
