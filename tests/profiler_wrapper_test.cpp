@@ -7,6 +7,8 @@
 
 #include <cstdio>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "debug/zel_debug.h"
 #include "support/child_process.h"
@@ -170,6 +172,31 @@ TEST(ProfilerWrapperTest, RegistryAndRecording) {
         return text;
     });
     EXPECT_EQ("kept service 08 24 0111 11 11 0", result);
+}
+
+// Recording reads the registry only and each profiler locks its own queue, so threads may record
+// into registered profilers at once (outside fast track).
+TEST(ProfilerWrapperTest, SeveralThreadsRecordAtOnce) {
+    const std::string result = zel_test::RunInChild([] {
+        W::initialize(PROFILE_ON, 0);
+        W::create_profiler(1);
+        W::create_profiler(2);
+        std::vector<std::thread> threads;
+        for (uint64_t t = 0; t < 4; ++t) {
+            threads.emplace_back([t] {
+                for (uint64_t i = 0; i < 500; ++i) {
+                    W::profile_from(1 + t % 2, SERVICE, t, i);
+                    W::profile_until(1 + t % 2, SERVICE, t, i);
+                }
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        const std::string text = std::to_string(W::profilerMap_.at(1)->queue.size()) + " " +
+                                 std::to_string(W::profilerMap_.at(2)->queue.size());
+        return text;  // interleaved records form no profile: left unfinalized
+    });
+    EXPECT_EQ("2000 2000", result);
 }
 
 TEST(ProfilerWrapperTest, HandOverRespectsTheSkipBits) {
