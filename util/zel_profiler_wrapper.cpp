@@ -38,8 +38,9 @@ std::vector<ProfileLabel> ZelProfilerWrapper::detail_labels_service = {
 
 namespace {
 
+// Label numbers come from callers of the facade; keep a negative one away from the name table.
 const char* name_of(ProfileLabel label) {
-    return ZelProfiler::labelToString(label);
+    return label < 0 ? "INVALID" : ZelProfiler::labelToString(label);
 }
 
 // Reads an unsigned setting from a property into `value`; absent (negative) or zero leaves it.
@@ -159,6 +160,8 @@ void ZelProfilerWrapper::initialize_print_flag() {
 }
 
 bool ZelProfilerWrapper::is_label_enabled(ProfileLabel label) {
+    // A number outside the mask's 64 bits is no recorded label (and no valid shift).
+    if (label < 0 || label >= 64) return false;
     return (labelMask_ >> label) & 1;
 }
 
