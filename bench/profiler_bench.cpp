@@ -133,6 +133,7 @@ BENCHMARK(BM_FinalizeAndReport)
         ->Arg(50000)
         ->Arg(100000)
         ->UseManualTime()
+        ->MinTime(2.0)
         ->Unit(benchmark::kMillisecond);
 
 // Merge of a 4-record child into a 24-record parent, 50 000 iterations each, next to a copy of
@@ -192,8 +193,8 @@ int main(int argc, char** argv) {
               "BM_RecordPairLocked8Threads/iterations:100000/real_time/threads:8",
               "BM_RecordPairLocked", 0},
              {"finalize+report 100000 / 50000 iterations",
-              "BM_FinalizeAndReport/100000/manual_time", "BM_FinalizeAndReport/50000/manual_time",
-              2.3},
+              "BM_FinalizeAndReport/100000/min_time:2.000/manual_time",
+              "BM_FinalizeAndReport/50000/min_time:2.000/manual_time", 2.3},
              {"merge 50000 iterations / memcpy of the same bytes", "BM_Merge/manual_time",
               "BM_MergeBaselineMemcpy/manual_time", 3.0}});
 }
