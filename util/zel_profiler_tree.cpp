@@ -52,6 +52,10 @@ ZelReturn ZelProfiler::append_nodes_to_tree(
         ProfilerKeyType postfix;
         int depth;
     };
+    if (!parent || cur_idx < 0) {
+        ZEL_LOG(0, 0, "* No node to grow the tree under. cur_idx(%d)\n", cur_idx);
+        return 1;
+    }
     if (num_label != 0 &&
         (rawdata == nullptr || num_label > INT_MAX || !counts_fit(1, num_label, rawdata_size))) {
         ZEL_LOG(0, 0, "* Raw data too small for its counts. num_label(%lu)\n", num_label);
