@@ -26,12 +26,9 @@
 #include <vector>
 
 #include "debug/zel_debug.h"
+#include "src/common/zel_memory/memory_manager.h"
 
 namespace zel {
-namespace memory {
-class MemoryManager;
-}  // namespace memory
-
 namespace util {
 
 // Stage labels. The numbering is shared with raw-data files and label lists; 11 is an unused
