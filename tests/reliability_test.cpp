@@ -275,6 +275,27 @@ TEST_F(Reliability, DescriptorExhaustionFailsImportsAndReadsCleanly) {
         MemoryManager manager;
         const int source = memfd_create("zel_source", MFD_CLOEXEC);
         if (source < 0 || ftruncate(source, 4096) != 0) return std::string("no memfd");
+        // Every operation once with descriptors to spare. (This also fills UndefinedBehavior-
+        // Sanitizer's cache of checked object types: checking an object's type for the first time
+        // needs a pipe, which a full descriptor table cannot give.)
+        {
+            uint32_t size = 0;
+            std::unique_ptr<char[]> image = import_file_to_mem(path.c_str(), &size, 0, 0);
+            Buffer::sptr warm = manager.import_memory(source, 4096, 4096, 0);
+            Buffer::sptr device = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 4096, 1);
+            if (!image || !warm || !device || manager.delete_memory(warm) != 0 ||
+                manager.delete_memory(device) != 0)
+                return std::string("operations fail with descriptors to spare");
+            try {
+                manager.import_memory(-1, 4096, 4096, 0);
+            } catch (const zel::TalornNnException&) {
+            }
+            if (manager.create_memory(ZEL_MM_DEVICE_BUFFER, 0, 1) != nullptr)
+                return std::string("empty device buffer made");
+            FileBufferReader missing(path + ".missing");
+            std::string sink(1, '\0');
+            missing.copy_buffer(&sink[0], 1, 0);
+        }
         const int fds = zel_test::CountOpenFds();
         const int mappings = SharedMappings();
 
