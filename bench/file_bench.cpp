@@ -23,11 +23,19 @@ namespace {
 constexpr uint32_t kFileSize = 256u << 20;
 
 // The file is written once per run and read back once so that every measured load is served
-// from the page cache.
-const std::string& CachedFile() {
-    static const std::string path = [] {
+// from the page cache; it is removed when the program exits.
+class CachedFile {
+  public:
+    static const std::string& path() {
+        static const CachedFile file;
+        return file.path_;
+    }
+
+  private:
+    CachedFile() {
         char name[] = "/tmp/zel_file_bench_XXXXXX";
         const int fd = mkstemp(name);
+        path_ = name;
         std::vector<char> block(1 << 20);
         for (size_t i = 0; i < block.size(); ++i)
             block[i] = static_cast<char>(i * 7 + 3);
@@ -37,16 +45,15 @@ const std::string& CachedFile() {
         for (uint32_t done = 0; done < kFileSize; done += block.size())
             if (pread(fd, block.data(), block.size(), done) <= 0) abort();
         close(fd);
-        std::atexit([] { unlink(CachedFile().c_str()); });
-        return std::string(name);
-    }();
-    return path;
-}
+    }
+    ~CachedFile() { unlink(path_.c_str()); }
+    std::string path_;
+};
 
 // Each load gets a new image, as a model load does: the page faults of the fresh block are part
 // of the cost.
 void BM_ImportFileToMem(benchmark::State& state) {
-    const std::string& path = CachedFile();
+    const std::string& path = CachedFile::path();
     for (auto _ : state) {
         uint32_t size = 0;
         std::unique_ptr<char[]> image = zel::util::import_file_to_mem(path.c_str(), &size, 0, 0);
@@ -58,7 +65,7 @@ void BM_ImportFileToMem(benchmark::State& state) {
 BENCHMARK(BM_ImportFileToMem)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void BM_SingleReadLoop(benchmark::State& state) {
-    const std::string& path = CachedFile();
+    const std::string& path = CachedFile::path();
     for (auto _ : state) {
         std::unique_ptr<char[]> image(new char[kFileSize + 1]);
         const int fd = open(path.c_str(), O_RDONLY);
@@ -77,7 +84,7 @@ void BM_SingleReadLoop(benchmark::State& state) {
 BENCHMARK(BM_SingleReadLoop)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void BM_MmapMemcpy(benchmark::State& state) {
-    const std::string& path = CachedFile();
+    const std::string& path = CachedFile::path();
     for (auto _ : state) {
         std::unique_ptr<char[]> image(new char[kFileSize + 1]);
         const int fd = open(path.c_str(), O_RDONLY);
@@ -99,7 +106,7 @@ BENCHMARK(BM_MmapMemcpy)->UseRealTime()->Unit(benchmark::kMillisecond);
 // The same two loads into one block reused for every load: the copy alone, without the page
 // faults of a fresh block.
 void BM_ImportIntoReusedBlock(benchmark::State& state) {
-    const std::string& path = CachedFile();
+    const std::string& path = CachedFile::path();
     std::unique_ptr<char[]> block(new char[kFileSize + 1]);
     memset(block.get(), 0, kFileSize);
     for (auto _ : state) {
@@ -113,7 +120,7 @@ void BM_ImportIntoReusedBlock(benchmark::State& state) {
 BENCHMARK(BM_ImportIntoReusedBlock)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void BM_SingleReadLoopIntoReusedBlock(benchmark::State& state) {
-    const std::string& path = CachedFile();
+    const std::string& path = CachedFile::path();
     std::unique_ptr<char[]> block(new char[kFileSize + 1]);
     memset(block.get(), 0, kFileSize);
     for (auto _ : state) {
