@@ -7,4 +7,4 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 cmake --preset release >/dev/null
 cmake --build --preset release --target zel-prof >/dev/null
-exec build/release/tools/zel-prof config "$@"
+exec build/release/tools/zel-prof demo "$@"
