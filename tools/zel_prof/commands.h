@@ -14,4 +14,7 @@ void AddDemoCommand(CLI::App& app);
 // `zel-prof report FILE`: the reports of a raw-data file.
 void AddReportCommand(CLI::App& app);
 
+// `zel-prof trace FILE -o OUT`: a raw-data file as a timeline for trace viewers.
+void AddTraceCommand(CLI::App& app);
+
 }  // namespace zel_prof

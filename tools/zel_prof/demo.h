@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace zel_prof {
 namespace demo {
@@ -16,6 +17,7 @@ struct DemoOptions {
     uint32_t ops = 3;
     uint64_t model_id = 7;
     bool verbose = false;
+    std::string trace_path;  // where the service writes the merged profile's timeline, if set
 };
 
 // Each role runs in its own process; the result is that process's exit status.

@@ -103,6 +103,8 @@ void AddDemoCommand(CLI::App& app) {
             ->capture_default_str();
     command->add_option("--model", options.model_id, "Model id")->capture_default_str();
     command->add_flag("--verbose,-v", options.verbose, "Show every library log line");
+    command->add_option("--trace", options.trace_path,
+                        "Also write the merged profile as a timeline (Trace Event Format JSON)");
     command->callback([] {
         const int status = RunDemo(options);
         if (status != 0) throw CLI::RuntimeError(status);

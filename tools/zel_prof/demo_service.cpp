@@ -13,6 +13,7 @@
 #include <string>
 
 #include "src/common/zel_memory/memory_manager.h"
+#include "util/zel_utils_profiler_trace.h"
 #include "util/zel_utils_profiler_wrapper.h"
 #include "zel_prof/demo.h"
 #include "zel_prof/demo_protocol.h"
@@ -124,6 +125,29 @@ std::string ExportRawData(uint64_t model, std::string* note) {
     return path;
 }
 
+// Writes the model's profile as a timeline; the reason in `note` when it cannot.
+bool WriteTrace(uint64_t model, const std::string& path, std::string* note) {
+    auto found = ZelProfilerWrapper::profilerMap_.find(model);
+    if (found == ZelProfilerWrapper::profilerMap_.end() || found->second == nullptr) {
+        *note = "the service holds no profile";
+        return false;
+    }
+    try {
+        if (found->second->finalize() != 0 || !found->second->finalized) {
+            *note = "the profile cannot be finalized";
+            return false;
+        }
+    } catch (const std::exception&) {
+        *note = "the profile cannot be finalized";
+        return false;
+    }
+    if (zel::util::export_trace_to_file(*found->second, path.c_str()) != 0) {
+        *note = "cannot write " + path;
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int RunService(int client_sock, int driver_sock, const DemoOptions& options) {
@@ -189,6 +213,9 @@ int RunService(int client_sock, int driver_sock, const DemoOptions& options) {
     const uint64_t labels = ZelProfilerWrapper::get_profiler_num_label(model);
     std::string note;
     const std::string path = iterations != 0 ? ExportRawData(model, &note) : "";
+    std::string trace_note = "the service holds no profile";
+    const bool traced = !options.trace_path.empty() && iterations != 0 &&
+                        WriteTrace(model, options.trace_path, &trace_note);
     if (iterations != 0) {
         printf("\n== merged profile (service process) ==\n");
         ReportScope report;
@@ -210,6 +237,12 @@ int RunService(int client_sock, int driver_sock, const DemoOptions& options) {
                static_cast<unsigned long long>(options.mode));
     } else {
         printf("\nNo raw data written: %s.\n", note.c_str());
+    }
+    if (traced) {
+        printf("Timeline written to %s: open it in Perfetto UI or chrome://tracing.\n",
+               options.trace_path.c_str());
+    } else if (!options.trace_path.empty()) {
+        printf("No timeline written: %s.\n", trace_note.c_str());
     }
     fflush(stdout);
     return status;

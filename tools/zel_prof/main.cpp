@@ -5,11 +5,13 @@
 
 int main(int argc, char** argv) {
     CLI::App app{
-            "zel-prof: configuration, profiling demo and profile reports of libzel_common_utils"};
+            "zel-prof: configuration, profiling demo, profile reports and traces of "
+            "libzel_common_utils"};
     app.require_subcommand(1);
     zel_prof::AddConfigCommand(app);
     zel_prof::AddDemoCommand(app);
     zel_prof::AddReportCommand(app);
+    zel_prof::AddTraceCommand(app);
     CLI11_PARSE(app, argc, argv);
     return 0;
 }
