@@ -253,7 +253,7 @@ void append_metadata(std::string& out, const char* what, uint64_t pid, int64_t t
     out += "}}";
 }
 
-ZelReturn write_trace(const ZelProfiler& p, TraceOut& out) {
+ZelReturn write_trace(const ZelProfiler& p, uint64_t max_events, TraceOut& out) {
     if (!p.finalized) {
         ZEL_LOG(0, 0, "* Need to be finalized to export trace\n");
         return 1;
@@ -269,11 +269,11 @@ ZelReturn write_trace(const ZelProfiler& p, TraceOut& out) {
 
     // Whole iterations only, as many as the event limit takes.
     uint64_t iterations = p.num_iter;
-    if (!stages.empty() && iterations > kTraceEventLimit / stages.size())
-        iterations = kTraceEventLimit / stages.size();
+    if (!stages.empty() && iterations > max_events / stages.size())
+        iterations = max_events / stages.size();
     if (iterations < p.num_iter) {
         ZEL_LOG(1, 0, "* Trace holds %lu of %lu iterations: limit of %lu events\n", iterations,
-                p.num_iter, kTraceEventLimit);
+                p.num_iter, max_events);
     }
 
     out.text = "{\"displayTimeUnit\":\"ms\",\"otherData\":{\"profiler\":";
@@ -359,13 +359,13 @@ ZelReturn write_trace(const ZelProfiler& p, TraceOut& out) {
 
 }  // namespace
 
-std::string export_trace_json(const ZelProfiler& profiler) {
+std::string export_trace_json(const ZelProfiler& profiler, uint64_t max_events) {
     TraceOut out(nullptr);
-    if (write_trace(profiler, out) != 0) return "";
+    if (write_trace(profiler, max_events, out) != 0) return "";
     return std::move(out.text);
 }
 
-ZelReturn export_trace_to_file(const ZelProfiler& profiler, const char* path) {
+ZelReturn export_trace_to_file(const ZelProfiler& profiler, const char* path, uint64_t max_events) {
     if (path == nullptr || *path == '\0') {
         ZEL_LOG(0, 0, "* Fail to open trace file(%s)\n", "");
         return 1;
@@ -381,7 +381,7 @@ ZelReturn export_trace_to_file(const ZelProfiler& profiler, const char* path) {
         return 1;
     }
     TraceOut out(file);
-    const ZelReturn built = write_trace(profiler, out);
+    const ZelReturn built = write_trace(profiler, max_events, out);
     const bool written = out.flush();
     const bool closed = fclose(file) == 0;
     if (built != 0 || !written || !closed) {

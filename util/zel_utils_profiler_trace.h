@@ -34,8 +34,9 @@
  * overlaps the ones before it moves to a further set of tracks, tid 8 * lane + side, named
  * "<side> (overlap <lane>)".
  *
- * Limits: at most kTraceEventLimit stage events. A profile with more keeps its first iterations
- * that fit; a "* " line says how many were left out, and so does "otherData" in the trace.
+ * Limits: at most `max_events` stage events (kTraceEventLimit unless the caller gives another
+ * bound). A profile with more keeps its first iterations that fit; a "* " line says how many
+ * were left out, and so does "otherData" in the trace.
  *
  * Failures (the result 1 or an empty string, with a "* " error line): the profiler is not
  * finalized; its tree does not match its counts, its raw data or its own times (possible only
@@ -56,11 +57,12 @@ namespace util {
 constexpr uint64_t kTraceEventLimit = 1000000;
 
 // The trace of a finalized profiler as JSON text; "" on failure.
-std::string export_trace_json(const ZelProfiler& profiler);
+std::string export_trace_json(const ZelProfiler& profiler, uint64_t max_events = kTraceEventLimit);
 
 // Writes the same text to `path`, streamed rather than built in memory. 0, or 1 on failure (a
 // partly written file is removed).
-ZelReturn export_trace_to_file(const ZelProfiler& profiler, const char* path);
+ZelReturn export_trace_to_file(const ZelProfiler& profiler, const char* path,
+                               uint64_t max_events = kTraceEventLimit);
 
 }  // namespace util
 }  // namespace zel
