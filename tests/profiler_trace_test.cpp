@@ -8,7 +8,9 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -44,46 +46,23 @@ Trace Parse(const std::string& text) {
     return trace;
 }
 
-// Every node has its event in every iteration, with the node's times, inside its parent's event.
-void ExpectNestsLikeTree(const ZelProfiler& p, const Trace& trace) {
-    size_t nodes = 0;
-    std::function<void(const ProfileNode&, const json*, uint64_t)> walk =
-            [&](const ProfileNode& node, const json* parent, uint64_t i) {
-                for (const auto& child : node.children) {
-                    std::string name = ZelProfiler::labelToString(child->label);
-                    char postfix[24];
-                    snprintf(postfix, sizeof(postfix), "_0x%lx", child->labelPostfix);
-                    if (child->labelPostfix != 0) name += postfix;
-                    auto found = trace.events.find({name, i});
-                    ASSERT_NE(found, trace.events.end()) << name << " iteration " << i;
-                    const json& e = found->second;
-                    EXPECT_EQ(e.at("ts").get<uint64_t>(), child->start_time[i]) << name;
-                    EXPECT_EQ(e.at("dur").get<uint64_t>(),
-                              child->end_time[i] - child->start_time[i])
-                            << name;
-                    if (parent != nullptr) {
-                        EXPECT_LE((*parent)["ts"].get<uint64_t>(), e["ts"].get<uint64_t>());
-                        EXPECT_LE(
-                                e["ts"].get<uint64_t>() + e["dur"].get<uint64_t>(),
-                                (*parent)["ts"].get<uint64_t>() + (*parent)["dur"].get<uint64_t>())
-                                << name << " outlasts its parent";
-                    }
-                    if (i == 0) ++nodes;
-                    walk(*child, &e, i);
-                }
-            };
-    for (uint64_t i = 0; i < p.num_iter; ++i)
-        walk(*p.root, nullptr, i);
-    EXPECT_EQ(trace.events.size(), nodes * p.num_iter);
+std::string ReadAll(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+uint64_t Ts(const json& e) {
+    return e.at("ts");
+}
+uint64_t EndOf(const json& e) {
+    return Ts(e) + e.at("dur").get<uint64_t>();
 }
 
 // Events of one track must nest or follow each other: a viewer cannot show them otherwise.
 void ExpectTracksNest(const Trace& trace) {
     std::map<int64_t, std::vector<std::pair<uint64_t, uint64_t>>> by_track;  // (ts, end)
-    for (const auto& [key, e] : trace.events) {
-        const uint64_t ts = e["ts"];
-        by_track[e["tid"]].push_back({ts, ts + e["dur"].get<uint64_t>()});
-    }
+    for (const auto& [key, e] : trace.events)
+        by_track[e["tid"]].push_back({Ts(e), EndOf(e)});
     for (auto& [tid, spans] : by_track) {
         std::sort(spans.begin(), spans.end(), [](const auto& a, const auto& b) {
             return a.first != b.first ? a.first < b.first : a.second > b.second;
@@ -96,6 +75,33 @@ void ExpectTracksNest(const Trace& trace) {
             open.push_back(end);
         }
     }
+}
+
+// Every node has its event in every iteration, with the node's times, inside its parent's event;
+// and every track nests.
+void ExpectNestsLikeTree(const ZelProfiler& p, const Trace& trace) {
+    size_t nodes = 0;
+    std::function<void(const ProfileNode&, const json*, uint64_t)> walk =
+            [&](const ProfileNode& node, const json* parent, uint64_t i) {
+                for (const auto& child : node.children) {
+                    char postfix[24];
+                    snprintf(postfix, sizeof(postfix), "_0x%lx", child->labelPostfix);
+                    const std::string name = ZelProfiler::labelToString(child->label) +
+                                             std::string(child->labelPostfix ? postfix : "");
+                    auto found = trace.events.find({name, i});
+                    ASSERT_NE(found, trace.events.end()) << name << " iteration " << i;
+                    const json& e = found->second;
+                    EXPECT_EQ(Ts(e), child->start_time[i]) << name;
+                    EXPECT_EQ(EndOf(e), child->end_time[i]) << name;
+                    if (parent) EXPECT_TRUE(Ts(*parent) <= Ts(e) && EndOf(e) <= EndOf(*parent));
+                    nodes += i == 0;
+                    walk(*child, &e, i);
+                }
+            };
+    for (uint64_t i = 0; i < p.num_iter; ++i)
+        walk(*p.root, nullptr, i);
+    EXPECT_EQ(trace.events.size(), nodes * p.num_iter);
+    ExpectTracksNest(trace);
 }
 
 // A finalized profiler whose iterations are TOTAL/7 { SERVICE { CPU_UD }, NPU_UD/0x1f }.
@@ -134,10 +140,7 @@ TEST_F(ProfilerTest, TraceOfAPlainProfileNestsLikeItsTree) {
     auto p = Plain(2, {1000, 2000});
     const Trace trace = Parse(export_trace_json(*p));
     ExpectNestsLikeTree(*p, trace);
-    ExpectTracksNest(trace);
     const json& npu = trace.events.at({"NPU_UD_0x1f", 1});
-    EXPECT_EQ(npu["ts"], 2040u);
-    EXPECT_EQ(npu["dur"], 20u);
     EXPECT_EQ(npu["pid"], 0x42);
     EXPECT_EQ(npu["args"], json::parse(R"({"iterKey":"0x101","iteration":1,"label":13,
                                           "postfix":"0x1f"})"));
@@ -170,14 +173,11 @@ TEST_F(ProfilerTest, TraceOfMergedProfilesKeepsEachSideOnItsTrack) {
 
     const Trace trace = Parse(export_trace_json(*merged));
     ExpectNestsLikeTree(*merged, trace);
-    ExpectTracksNest(trace);
     EXPECT_EQ(trace.tracks,
               (std::map<int64_t, std::string>{{2, "client"}, {3, "service"}, {4, "device"}}));
     const json& hw = trace.events.at({"HW_0x3", 2});
     EXPECT_EQ(hw["ts"], 30100u);  // relative device times moved to the DD stage's start
     EXPECT_EQ(hw["tid"], 4);
-    EXPECT_EQ(trace.events.at({"DD_0x3", 2})["tid"], 3);
-    EXPECT_EQ(trace.events.at({"CLIENT", 1})["tid"], 2);
 
     // The device profile on its own: each iteration from 0, on the device track.
     const Trace alone = Parse(export_trace_json(*device));
@@ -191,7 +191,6 @@ TEST_F(ProfilerTest, TraceMovesOverlappingIterationsToFurtherTracksAndBoundsItsE
     auto p = Plain(3, {1000, 1020, 3000});
     const Trace trace = Parse(export_trace_json(*p));
     ExpectNestsLikeTree(*p, trace);
-    ExpectTracksNest(trace);
     EXPECT_EQ(trace.events.at({"CPU_UD", 1})["tid"], 8 + 3);
     EXPECT_EQ(trace.events.at({"CPU_UD", 2})["tid"], 3);
     EXPECT_EQ(trace.tracks.at(11), "service (overlap 1)");
@@ -204,16 +203,14 @@ TEST_F(ProfilerTest, TraceMovesOverlappingIterationsToFurtherTracksAndBoundsItsE
 }
 
 TEST_F(ProfilerTest, TraceEscapesNamesAndShowsLabelsWithoutASide) {
-    auto p = FromRecords({Start(static_cast<ProfileLabel>(11), 0, 10),
-                          Start(static_cast<ProfileLabel>(30), 0xab, 11),
-                          End(static_cast<ProfileLabel>(30), 0xab, 12),
-                          End(static_cast<ProfileLabel>(11), 0, 13)},
-                         1, 4);
+    const auto hole = static_cast<ProfileLabel>(11), beyond = static_cast<ProfileLabel>(30);
+    auto p = FromRecords(
+            {Start(hole, 0, 10), Start(beyond, 0xab, 11), End(beyond, 0xab, 12), End(hole, 0, 13)},
+            1, 4);
     ASSERT_EQ(p->finalize(), 0);
     p->set_name("q\"b\\s\n\x01 \xc3\xa9 \xff\xc3 \xed\xa0\x80 \xf0\x9f\x99\x82");
     const std::string text = export_trace_json(*p);
-    const json doc = json::parse(text);
-    EXPECT_EQ(doc["traceEvents"][0]["args"]["name"],
+    EXPECT_EQ(json::parse(text)["traceEvents"][0]["args"]["name"],
               "model 0x42 (q\"b\\s\n\x01 \xc3\xa9 \xef\xbf\xbd\xef\xbf\xbd "
               "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd \xf0\x9f\x99\x82)");
     const Trace trace = Parse(text);
@@ -234,12 +231,7 @@ TEST_F(ProfilerTest, TraceRefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles
     EXPECT_EQ(export_trace_to_file(*p, "/nonexistent/dir/t.json"), 1);
     EXPECT_TRUE(log.contains(Line("* Fail to open trace file(/nonexistent/dir/t.json)\n")));
     ASSERT_EQ(export_trace_to_file(*p, path.c_str()), 0);
-    FILE* file = fopen(path.c_str(), "r");
-    ASSERT_NE(file, nullptr);
-    std::string written(1 << 16, '\0');
-    written.resize(fread(&written[0], 1, written.size(), file));
-    fclose(file);
-    EXPECT_EQ(written, export_trace_json(*p));
+    EXPECT_EQ(ReadAll(path), export_trace_json(*p));
 
     // A child moved out of its parent after finalize fails, and leaves no file behind.
     p->root->children[0]->children[0]->end_time[1] = 2075;
@@ -264,31 +256,15 @@ int ZelProf(const std::string& args) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-std::string ReadAll(const std::string& path) {
-    std::string text;
-    if (FILE* file = fopen(path.c_str(), "r")) {
-        char chunk[4096];
-        size_t got;
-        while ((got = fread(chunk, 1, sizeof(chunk), file)) > 0)
-            text.append(chunk, got);
-        fclose(file);
-    }
-    return text;
-}
-
 TEST_F(ProfilerTest, ZelProfWritesTracesOfRawDataFilesAndOfTheDemo) {
     const std::string raw = testing::TempDir() + "profile_rawdata_66.bin";
     const std::string out = testing::TempDir() + "zel_prof_trace.json";
     auto p = Plain(3, {1000, 2000, 3000});
-    FILE* file = fopen(raw.c_str(), "wb");
-    ASSERT_NE(file, nullptr);
-    fwrite(p->rawdata, 1, p->rawdata_size, file);
-    fclose(file);
+    std::ofstream(raw).write(reinterpret_cast<const char*>(p->rawdata), p->rawdata_size);
     ASSERT_EQ(ZelProf("trace " + raw + " -o " + out), 0);
     const Trace trace = Parse(ReadAll(out));
     ExpectNestsLikeTree(*p, trace);
     EXPECT_EQ(trace.events.at({"SERVICE", 2})["pid"], 66);  // the key of the file name
-    EXPECT_NE(ZelProf("trace " + raw + " -o " + out + " --labels 3"), 0);  // 3 records fit no tree
     remove(raw.c_str());
 
     // The demo's merged profile: API, CLIENT, SERVICE, ENGINE, CPU_UD, NPU_UD, and per operation
