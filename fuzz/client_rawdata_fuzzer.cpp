@@ -26,7 +26,7 @@ bool Take(const uint8_t*& data, size_t& size, T* out) {
     return true;
 }
 
-// Runs one step that may end in the profiler's documented exception.
+// Runs one step that may end in the profiler's own failure exception ("finalize fail", "no mem").
 template <typename Step>
 void Guarded(Step step) {
     try {
