@@ -249,10 +249,10 @@ TEST_F(ProfilerTest, TraceRefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles
             Line("* Trace: profile tree does not match its raw data. num_iter(2) num_label(8)\n")));
 }
 
-#ifdef ZEL_PROF_PATH
+#ifdef ZEL_PROF_COMMAND
 int ZelProf(const std::string& args) {
     const int status =
-            system((std::string(ZEL_PROF_PATH) + " " + args + " >/dev/null 2>&1").c_str());
+            system((std::string(ZEL_PROF_COMMAND) + " " + args + " >/dev/null 2>&1").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

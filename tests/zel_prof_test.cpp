@@ -17,7 +17,7 @@ struct ToolRun {
 // Runs zel-prof with `args`; standard error joins the output when `with_errors`.
 ToolRun ZelProf(const std::string& args, bool with_errors = false) {
     const std::string command =
-            std::string(ZEL_PROF_PATH) + " " + args + (with_errors ? " 2>&1" : " 2>/dev/null");
+            std::string(ZEL_PROF_COMMAND) + " " + args + (with_errors ? " 2>&1" : " 2>/dev/null");
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) return {-1, ""};
     std::string out;
