@@ -51,6 +51,13 @@ constexpr bool kSanitized = false;
     GTEST_SKIP() << "sanitizers reserve terabytes of shadow address space, so RLIMIT_AS cannot " \
                     "bound this process; these cases run in the release build"
 
+// Set by the cross build's test preset: a user-mode emulator runs the tests, and RLIMIT_AS then
+// bounds the emulator's own address space, not this program's.
+#define SKIP_IF_EMULATED()                                   \
+    if (getenv("ZEL_TEST_EMULATOR") != nullptr)              \
+    GTEST_SKIP() << "run by " << getenv("ZEL_TEST_EMULATOR") \
+                 << ": RLIMIT_AS bounds the emulator, not this program; these cases run natively"
+
 // Lowers the soft address-space limit to what the process maps now plus `headroom`, so that any
 // larger allocation fails. The hard limit stays, so Unlimit() can lift it again.
 bool LimitAddressSpace(size_t headroom) {
@@ -131,6 +138,7 @@ class Reliability : public ::testing::Test {
 
 TEST_F(Reliability, ProfilerAllocationFailuresFailTheOperationAndKeepTheProfiler) {
     SKIP_IF_SANITIZED();
+    SKIP_IF_EMULATED();
     const std::string result = zel_test::RunInChild([] {
         zel_test::LogCapture log;
         std::string out;
@@ -187,6 +195,7 @@ TEST_F(Reliability, ProfilerAllocationFailuresFailTheOperationAndKeepTheProfiler
 
 TEST_F(Reliability, BufferAndFileImageAllocationFailuresLeaveNothingBehind) {
     SKIP_IF_SANITIZED();
+    SKIP_IF_EMULATED();
     const std::string big = File("image", 64 * kMiB, "model");
     const std::string result = zel_test::RunInChild([&big] {
         zel_test::LogCapture log;
