@@ -29,6 +29,23 @@ inline uint64_t now_us() {
                                          .count());
 }
 
+// The measured path: one clock reading and one append, under the queue's lock unless the
+// profiler records from a single thread (fast track).
+void QueueRecord(ZelProfiler& profiler, ProfileRecordType type, ProfilerLabelType label,
+                 ProfilerKeyType labelPostfix, ProfilerKeyType iterKey) {
+    if (profiler.finalized) {
+        ZEL_LOG(0, 0, "* Cannot add new profile data after finalized. label(%ld)\n",
+                static_cast<long>(label));
+        return;
+    }
+    if (profiler.fastTrack) {
+        profiler.queue.push_back({type, label, labelPostfix, iterKey, now_us()});
+        return;
+    }
+    std::lock_guard<std::mutex> lock(profiler.queue_mutex);
+    profiler.queue.push_back({type, label, labelPostfix, iterKey, now_us()});
+}
+
 }  // namespace
 
 ProfileNode::ProfileNode(int num_iter)
@@ -155,32 +172,12 @@ const char* ZelProfiler::labelToString(ProfileLabel label) {
 
 void ZelProfiler::add_record_start(ProfilerLabelType label, ProfilerKeyType labelPostfix,
                                    ProfilerKeyType iterKey) {
-    if (finalized) {
-        ZEL_LOG(0, 0, "* Cannot add new profile data after finalized. label(%ld)\n",
-                static_cast<long>(label));
-        return;
-    }
-    if (fastTrack) {
-        queue.push_back({START, label, labelPostfix, iterKey, now_us()});
-        return;
-    }
-    std::lock_guard<std::mutex> lock(queue_mutex);
-    queue.push_back({START, label, labelPostfix, iterKey, now_us()});
+    QueueRecord(*this, START, label, labelPostfix, iterKey);
 }
 
 void ZelProfiler::add_record_end(ProfilerLabelType label, ProfilerKeyType labelPostfix,
                                  ProfilerKeyType iterKey) {
-    if (finalized) {
-        ZEL_LOG(0, 0, "* Cannot add new profile data after finalized. label(%ld)\n",
-                static_cast<long>(label));
-        return;
-    }
-    if (fastTrack) {
-        queue.push_back({END, label, labelPostfix, iterKey, now_us()});
-        return;
-    }
-    std::lock_guard<std::mutex> lock(queue_mutex);
-    queue.push_back({END, label, labelPostfix, iterKey, now_us()});
+    QueueRecord(*this, END, label, labelPostfix, iterKey);
 }
 
 void ZelProfiler::add_record(ProfileRecordType type, ProfileLabel& label,
