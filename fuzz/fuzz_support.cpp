@@ -1,7 +1,6 @@
 #include "fuzz_support.h"
 
 #include <android/log.h>
-#include <dirent.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -74,17 +73,6 @@ void ResetProfilerRegistry() {
         delete entry.second;
     ZelProfilerWrapper::profilerMap_.clear();
     ZelProfilerWrapper::deviceProfilerMap_.clear();
-}
-
-int OpenFdCount() {
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) return -1;
-    int count = 0;
-    while (struct dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.') ++count;
-    }
-    closedir(dir);
-    return count - 1;
 }
 
 int MemfdMappingCount() {

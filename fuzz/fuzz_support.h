@@ -28,9 +28,8 @@ void RecordClientIterations(zel::util::ZelProfiler& profiler, int iterations,
 // Deletes every profiler left in the wrapper's registries, so that no input sees another's.
 void ResetProfilerRegistry();
 
-// Descriptors open in this process, and mappings of memfd-backed memory (the host's device
-// buffers and the fuzzers' own import sources).
-int OpenFdCount();
+// Mappings of memfd-backed memory (the host's device buffers and the fuzzers' own import
+// sources). Open descriptors: zel_test::CountOpenFds() of support/proc_stats.h.
 int MemfdMappingCount();
 
 // A memfd of `size` bytes filled from `bytes` (repeated); -1 on failure.

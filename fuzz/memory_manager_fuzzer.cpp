@@ -11,6 +11,7 @@
 
 #include "fuzz_support.h"
 #include "src/common/zel_memory/memory_manager.h"
+#include "support/proc_stats.h"
 
 using zel::TalornNnException;
 using zel::memory::Buffer;
@@ -250,10 +251,10 @@ void Run(FuzzedDataProvider& in) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     zel_fuzz::QuietLogs(in.ConsumeBool());
-    const int fds = zel_fuzz::OpenFdCount();
+    const int fds = zel_test::CountOpenFds();
     const int mappings = zel_fuzz::MemfdMappingCount();
     Run(in);
-    if (zel_fuzz::OpenFdCount() != fds) Fail("descriptor left open");
+    if (zel_test::CountOpenFds() != fds) Fail("descriptor left open");
     if (zel_fuzz::MemfdMappingCount() != mappings) Fail("mapping left behind");
     return 0;
 }
