@@ -37,7 +37,9 @@ int MemfdAlloc(const std::string& heap_name, size_t len) {
 }
 
 // The fallback buffers are memfds, which carry seals; a dmabuf has none.
-bool IsMemfd(int fd) { return fcntl(fd, F_GET_SEALS) >= 0; }
+bool IsMemfd(int fd) {
+    return fcntl(fd, F_GET_SEALS) >= 0;
+}
 
 int SyncIoctl(unsigned int fd, uint64_t flags) {
     // A memfd is plain page-cache memory: there are no device caches to maintain.

@@ -23,13 +23,17 @@ void Record(int priority, const char* tag, const char* message) {
 void CaptureLogger(const struct __android_log_message* message) {
     Record(message->priority, message->tag, message->message);
 }
-void RestoreDefaultLogger() { __android_log_set_logger(__android_log_logd_logger); }
+void RestoreDefaultLogger() {
+    __android_log_set_logger(__android_log_logd_logger);
+}
 #else
 // The host liblog's interface: logger data and the text apart.
 void CaptureLogger(const struct __android_logger_data* data, const char* message) {
     Record(data->priority, data->tag, message);
 }
-void RestoreDefaultLogger() { __android_log_set_logger(__android_log_stderr_logger); }
+void RestoreDefaultLogger() {
+    __android_log_set_logger(__android_log_stderr_logger);
+}
 #endif
 
 }  // namespace
