@@ -70,4 +70,32 @@ uint64_t KeyFromFileName(const std::string& path) {
     return errno == 0 ? key : 0;
 }
 
+RawDataProfile LoadRawDataProfile(const std::string& path, RawDataCounts counts,
+                                  const uint64_t* key, std::string* error) {
+    RawDataProfile loaded;
+    std::vector<uint8_t> bytes;
+    if (!ReadRawDataFile(path, &bytes, error) || !InferCounts(bytes, &counts, error)) {
+        return loaded;
+    }
+    loaded.bytes = bytes.size();
+    loaded.counts = counts;
+    loaded.key = key != nullptr ? *key : KeyFromFileName(path);
+    try {
+        auto profiler = std::make_unique<zel::util::ZelProfiler>(loaded.key, bytes.data(),
+                                                                 bytes.size(), counts.iterations,
+                                                                 counts.iterations, counts.labels);
+        if (profiler->finalize() != 0 || !profiler->finalized) {
+            *error = "the records do not form a profile";
+            return loaded;
+        }
+        loaded.profiler = std::move(profiler);
+    } catch (const std::exception& failure) {
+        std::string reason = failure.what();
+        while (!reason.empty() && reason.back() == '\n')
+            reason.pop_back();
+        *error = "the records do not form a profile (" + reason + ")";
+    }
+    return loaded;
+}
+
 }  // namespace zel_prof

@@ -2,8 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "util/zel_utils_profiler.h"
 
 namespace zel_prof {
 
@@ -23,5 +26,19 @@ bool InferCounts(const std::vector<uint8_t>& bytes, RawDataCounts* counts, std::
 
 // The key in a "profile_rawdata_<key>.bin" file name, or 0.
 uint64_t KeyFromFileName(const std::string& path);
+
+// A raw-data file's records as a finalized profiler.
+struct RawDataProfile {
+    std::unique_ptr<zel::util::ZelProfiler> profiler;  // null when the file is no profile
+    size_t bytes = 0;
+    RawDataCounts counts;  // as given, the zeros derived
+    uint64_t key = 0;
+};
+
+// Reads `path`, derives the counts left 0 (InferCounts) and finalizes a profiler from the
+// records under `key`, or under the file name's key when `key` is null. On failure the result
+// holds no profiler and `error` says why.
+RawDataProfile LoadRawDataProfile(const std::string& path, RawDataCounts counts,
+                                  const uint64_t* key, std::string* error);
 
 }  // namespace zel_prof

@@ -1,11 +1,8 @@
 // `zel-prof report FILE`: both reports of a raw-data file as exported on a device.
 #include <cstdio>
 #include <exception>
-#include <memory>
 #include <string>
-#include <vector>
 
-#include "util/zel_utils_profiler.h"
 #include "zel_prof/commands.h"
 #include "zel_prof/rawdata_file.h"
 #include "zel_prof/stdout_logger.h"
@@ -24,31 +21,23 @@ struct ReportOptions {
 
 int RunReport(const ReportOptions& options) {
     InstallStdoutLogger(options.verbose);
-    std::vector<uint8_t> bytes;
     std::string error;
-    RawDataCounts counts = options.counts;
-    if (!ReadRawDataFile(options.path, &bytes, &error) || !InferCounts(bytes, &counts, &error)) {
+    const RawDataProfile loaded = LoadRawDataProfile(
+            options.path, options.counts, options.key_given ? &options.key : nullptr, &error);
+    if (loaded.profiler == nullptr) {
         fprintf(stderr, "report: %s\n", error.c_str());
         return 1;
     }
-    const uint64_t key = options.key_given ? options.key : KeyFromFileName(options.path);
     printf("%s: %zu bytes, %llu iterations x %llu records, modelId 0x%llx\n", options.path.c_str(),
-           bytes.size(), static_cast<unsigned long long>(counts.iterations),
-           static_cast<unsigned long long>(counts.labels), static_cast<unsigned long long>(key));
+           loaded.bytes, static_cast<unsigned long long>(loaded.counts.iterations),
+           static_cast<unsigned long long>(loaded.counts.labels),
+           static_cast<unsigned long long>(loaded.key));
     try {
-        zel::util::ZelProfiler profiler(key, bytes.data(), bytes.size(), counts.iterations,
-                                        counts.iterations, counts.labels);
-        if (profiler.finalize() != 0 || !profiler.finalized) {
-            fprintf(stderr, "report: the records do not form a profile\n");
-            return 1;
-        }
         ReportScope report;
-        profiler.show_output(true);
+        loaded.profiler->show_output(true);
     } catch (const std::exception& failure) {
-        std::string reason = failure.what();
-        while (!reason.empty() && reason.back() == '\n')
-            reason.pop_back();
-        fprintf(stderr, "report: the records do not form a profile (%s)\n", reason.c_str());
+        // The summary fails when its iterations cannot be ranked.
+        fprintf(stderr, "report: %s", failure.what());
         return 1;
     }
     fflush(stdout);

@@ -1,11 +1,8 @@
 // `zel-prof trace FILE -o OUT`: a raw-data file as a timeline in Trace Event Format JSON, to be
 // opened in Perfetto UI or chrome://tracing.
 #include <cstdio>
-#include <exception>
 #include <string>
-#include <vector>
 
-#include "util/zel_utils_profiler.h"
 #include "util/zel_utils_profiler_trace.h"
 #include "zel_prof/commands.h"
 #include "zel_prof/rawdata_file.h"
@@ -26,36 +23,21 @@ struct TraceOptions {
 
 int RunTrace(const TraceOptions& options) {
     InstallStdoutLogger(options.verbose);
-    std::vector<uint8_t> bytes;
     std::string error;
-    RawDataCounts counts = options.counts;
-    if (!ReadRawDataFile(options.path, &bytes, &error) || !InferCounts(bytes, &counts, &error)) {
+    const RawDataProfile loaded = LoadRawDataProfile(
+            options.path, options.counts, options.key_given ? &options.key : nullptr, &error);
+    if (loaded.profiler == nullptr) {
         fprintf(stderr, "trace: %s\n", error.c_str());
         return 1;
     }
-    const uint64_t key = options.key_given ? options.key : KeyFromFileName(options.path);
-    try {
-        zel::util::ZelProfiler profiler(key, bytes.data(), bytes.size(), counts.iterations,
-                                        counts.iterations, counts.labels);
-        if (profiler.finalize() != 0 || !profiler.finalized) {
-            fprintf(stderr, "trace: the records do not form a profile\n");
-            return 1;
-        }
-        if (zel::util::export_trace_to_file(profiler, options.output.c_str()) != 0) {
-            fprintf(stderr, "trace: cannot write %s\n", options.output.c_str());
-            return 1;
-        }
-    } catch (const std::exception& failure) {
-        std::string reason = failure.what();
-        while (!reason.empty() && reason.back() == '\n')
-            reason.pop_back();
-        fprintf(stderr, "trace: the records do not form a profile (%s)\n", reason.c_str());
+    if (zel::util::export_trace_to_file(*loaded.profiler, options.output.c_str()) != 0) {
+        fprintf(stderr, "trace: cannot write %s\n", options.output.c_str());
         return 1;
     }
     printf("%s: %llu iterations x %llu records, modelId 0x%llx -> %s\n", options.path.c_str(),
-           static_cast<unsigned long long>(counts.iterations),
-           static_cast<unsigned long long>(counts.labels), static_cast<unsigned long long>(key),
-           options.output.c_str());
+           static_cast<unsigned long long>(loaded.counts.iterations),
+           static_cast<unsigned long long>(loaded.counts.labels),
+           static_cast<unsigned long long>(loaded.key), options.output.c_str());
     fflush(stdout);
     return 0;
 }
