@@ -9,43 +9,59 @@ namespace zel_bench {
 
 namespace {
 
-// Console output as usual, plus the real time per iteration (ns) of every run.
+// Console output as usual, plus the real time per iteration (ns) of every run: the median over
+// repetitions when there are several, else the single run's mean.
 class RecordingReporter : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
-            if (run.iterations > 0 && run.run_type == Run::RT_Iteration) {
-                ns_[run.benchmark_name()] =
-                        run.real_accumulated_time * 1e9 / static_cast<double>(run.iterations);
-            }
+            if (run.iterations <= 0) continue;
+            const double ns = run.real_accumulated_time * 1e9 / static_cast<double>(run.iterations);
+            if (run.run_type == Run::RT_Iteration)
+                single_ns_[run.run_name.str()] = ns;
+            else if (run.aggregate_name == "median")
+                median_ns_[run.run_name.str()] = ns;
         }
         ConsoleReporter::ReportRuns(runs);
     }
-    const std::map<std::string, double>& ns() const { return ns_; }
+    // Real time per iteration of the named benchmark, or a negative value when it did not run.
+    double ns(const std::string& name) const {
+        auto median = median_ns_.find(name);
+        if (median != median_ns_.end()) return median->second;
+        auto single = single_ns_.find(name);
+        return single != single_ns_.end() ? single->second : -1;
+    }
 
   private:
-    std::map<std::string, double> ns_;
+    std::map<std::string, double> single_ns_;
+    std::map<std::string, double> median_ns_;
 };
 
 }  // namespace
 
-int RunWithRatios(int argc, char** argv, const std::vector<Ratio>& ratios) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+int RunWithRatios(int argc, char** argv, const std::vector<Ratio>& ratios,
+                  const std::vector<std::string>& default_flags) {
+    std::vector<char*> args{argv[0]};
+    for (const std::string& flag : default_flags)
+        args.push_back(const_cast<char*>(flag.c_str()));
+    args.insert(args.end(), argv + 1, argv + argc);
+    int count = static_cast<int>(args.size());
+    args.push_back(nullptr);
+    benchmark::Initialize(&count, args.data());
+    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
     RecordingReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
 
     printf("\n%-52s %10s  %s\n", "ratio (measured / baseline, real time)", "value", "target");
     for (const Ratio& ratio : ratios) {
-        auto measured = reporter.ns().find(ratio.measured);
-        auto baseline = reporter.ns().find(ratio.baseline);
-        if (measured == reporter.ns().end() || baseline == reporter.ns().end() ||
-            baseline->second <= 0) {
+        const double measured = reporter.ns(ratio.measured);
+        const double baseline = reporter.ns(ratio.baseline);
+        if (measured < 0 || baseline <= 0) {
             printf("%-52s %10s\n", ratio.label.c_str(), "not run");
             continue;
         }
-        const double value = measured->second / baseline->second;
+        const double value = measured / baseline;
         if (ratio.target > 0) {
             printf("%-52s %9.2fx  <= %.2fx %s\n", ratio.label.c_str(), value, ratio.target,
                    value <= ratio.target ? "ok" : "MISSED");

@@ -15,6 +15,9 @@ struct Ratio {
 };
 
 // Use as main(): parses the usual benchmark flags, runs, prints the ratios. Returns 0.
-int RunWithRatios(int argc, char** argv, const std::vector<Ratio>& ratios);
+// default_flags are parsed before the command line's, which may override them. When a benchmark
+// is repeated, its ratio uses the median of the repetitions' mean times.
+int RunWithRatios(int argc, char** argv, const std::vector<Ratio>& ratios,
+                  const std::vector<std::string>& default_flags = {});
 
 }  // namespace zel_bench
