@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -192,6 +193,35 @@ TEST_F(FileUtilsTest, SplitReadsAreExactToTheByte) {
     std::unique_ptr<char[]> image = import_file_to_mem(Write("big", data).c_str(), &size, 0, 0);
     ASSERT_EQ(data.size(), size);
     EXPECT_EQ(0, memory_compare(data.data(), image.get(), size));
+}
+
+// The loader faults each piece's pages in before reading: that must work on a shared mapping,
+// touch nothing outside the window even where a page is shared with a neighbour, and leave an
+// unwritable destination to fail the read as it would have.
+TEST_F(FileUtilsTest, SplitReadsIntoMappingsStayInTheirWindow) {
+    const uint32_t size = 0x100003;
+    const std::string data = Pattern(size);
+    const std::string path = Write("window", data);
+    const size_t mapped = 2 * size;
+    const int fd = memfd_create("window", MFD_CLOEXEC);
+    ASSERT_EQ(0, ftruncate(fd, static_cast<off_t>(mapped)));
+    char* base =
+            static_cast<char*>(mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    ASSERT_NE(MAP_FAILED, base);
+    memset(base, 0x5A, mapped);
+    char* window = base + 777;
+    ASSERT_EQ(0, import_file_to_mem(path.c_str(), &window, nullptr, 0, 0));
+    EXPECT_EQ(0, memory_compare(window, data.data(), size));
+    EXPECT_EQ(std::string(777, 0x5A), std::string(base, 777));
+    EXPECT_EQ(std::string(mapped - 777 - size, 0x5A),
+              std::string(window + size, mapped - 777 - size));
+
+    ASSERT_EQ(0, mprotect(base, mapped, PROT_READ));
+    LogCapture log;
+    EXPECT_EQ(2, import_file_to_mem(path.c_str(), &window, nullptr, 0, 0));
+    EXPECT_EQ(Lines{Line("  File Read Error\n")}, log.messages());
+    munmap(base, mapped);
+    close(fd);
 }
 
 TEST_F(FileUtilsTest, AnyShortPieceFailsTheWholeRead) {
