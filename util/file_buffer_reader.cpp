@@ -27,14 +27,19 @@ namespace {
 
 // A fresh model image is untouched memory: reading into it takes one page fault per page inside
 // the kernel's copy. Faulting the whole piece in with one call first costs a fraction of that.
-// Only the pages wholly inside the piece are touched, so neighbouring pieces are left to their
-// own workers. Any failure (an old kernel, a device or read-only mapping) leaves the read itself
-// to fault or fail as it would have.
+// A piece whose first page is already resident is taken for a reused block and left alone, since
+// walking present pages is not free either. Only pages wholly inside the piece are asked for: the
+// bytes around it need not be the caller's. Any failure (an old kernel, a device or read-only
+// mapping) leaves the read itself to fault or fail as it would have.
 void prefault(char* out, uint32_t size) {
     static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
     const uintptr_t begin = (reinterpret_cast<uintptr_t>(out) + page - 1) & ~(page - 1);
     const uintptr_t end = (reinterpret_cast<uintptr_t>(out) + size) & ~(page - 1);
-    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
+    if (end <= begin) return;
+    unsigned char resident = 0;
+    if (mincore(reinterpret_cast<void*>(begin), page, &resident) == 0 && (resident & 1) != 0)
+        return;
+    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
 }
 
 }  // namespace
