@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,63 +21,45 @@ namespace {
 
 using namespace zel::memory;
 using android::base::unique_fd;
-
-// One create/delete cycle of a memory type; false if any step failed.
-using Cycle = std::function<bool(MemoryManager&)>;
-
-bool PooledCycle(MemoryManager& manager, Buffer::sptr buffer) {
-    if (!buffer) return false;
-    static_cast<char*>(buffer->va)[0] = 1;
-    return manager.delete_memory(buffer) == 0;
-}
+using zel_test::CountMappings;
+using zel_test::CountOpenFds;
 
 TEST(MemoryProcess, ManyCyclesOfEveryTypeGiveBackDescriptorsAndMappings) {
     MemoryManager manager;
     const int source = memfd_create("import_source", MFD_CLOEXEC);
     ASSERT_EQ(0, ftruncate(source, 8192));
     char local[64];
-    const std::vector<std::pair<const char*, Cycle>> cycles = {
-            {"heap",
-             [](MemoryManager& m) {
-                 return PooledCycle(m, m.create_memory(ZEL_MM_HEAP, 4096, 0));
-             }},
-            {"cached",
-             [](MemoryManager& m) {
-                 return PooledCycle(m, m.create_memory(ZEL_MM_DEVICE_BUFFER, 4096, 1));
-             }},
-            {"uncached",
-             [](MemoryManager& m) {
-                 return PooledCycle(m, m.create_memory(ZEL_MM_DEVICE_BUFFER, 4096, 0));
-             }},
-            {"import",
-             [source](MemoryManager& m) {
-                 return PooledCycle(m, m.import_memory(source, 8192, 4096, 0));
-             }},
-            {"dummy",
-             [&local](MemoryManager& m) {
-                 return m.dummy_memory(-1, 64, 32, 8, local) != nullptr;
-             }},
-    };
-    for (const auto& [name, cycle] : cycles) {
+    for (const std::string kind : {"heap", "cached", "uncached", "import", "dummy"}) {
+        // One create/delete cycle; false if any step failed.
+        auto cycle = [&] {
+            if (kind == "dummy") return manager.dummy_memory(-1, 64, 32, 8, local) != nullptr;
+            const ZelMmType type = kind == "heap" ? ZEL_MM_HEAP : ZEL_MM_DEVICE_BUFFER;
+            Buffer::sptr buffer = kind == "import"
+                                          ? manager.import_memory(source, 8192, 4096, 0)
+                                          : manager.create_memory(type, 4096, kind == "cached");
+            if (!buffer) return false;
+            static_cast<char*>(buffer->va)[0] = 1;
+            return manager.delete_memory(buffer) == 0;
+        };
         // Sanitizer runtimes map their shadow and allocator regions lazily, also for the
         // counters' own buffers: warm both up first.
         for (int i = 0; i < 300; ++i)
-            ASSERT_TRUE(cycle(manager)) << name;
-        zel_test::CountOpenFds();
-        zel_test::CountMappings();
-        const int fds = zel_test::CountOpenFds();
-        const int mappings = zel_test::CountMappings();
+            ASSERT_TRUE(cycle()) << kind;
+        CountOpenFds();
+        CountMappings();
+        const int fds = CountOpenFds();
+        const int mappings = CountMappings();
         for (int i = 0; i < 10000; ++i)
-            ASSERT_TRUE(cycle(manager)) << name << " cycle " << i;
-        EXPECT_EQ(fds, zel_test::CountOpenFds()) << name;
-        EXPECT_LE(zel_test::CountMappings(), mappings) << name;
+            ASSERT_TRUE(cycle()) << kind << " cycle " << i;
+        EXPECT_EQ(fds, CountOpenFds()) << kind;
+        EXPECT_LE(CountMappings(), mappings) << kind;
     }
     EXPECT_EQ("", manager.to_string());
     close(source);
 }
 
 TEST(MemoryProcess, BuffersReleaseOnOtherThreadsAndManagersServeEightThreads) {
-    const int fds = zel_test::CountOpenFds();
+    const int fds = CountOpenFds();
     {
         MemoryManager manager;
         Buffer::sptr device = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 4096, 1);
@@ -92,16 +73,15 @@ TEST(MemoryProcess, BuffersReleaseOnOtherThreadsAndManagersServeEightThreads) {
             device.reset();
             imported.reset();
         }).join();
-        EXPECT_EQ(fds, zel_test::CountOpenFds());
+        EXPECT_EQ(fds, CountOpenFds());
 
         std::vector<std::thread> threads;
         std::atomic<int> failures{0};
         for (int t = 0; t < 8; ++t) {
             threads.emplace_back([&manager, &failures, t] {
                 for (int i = 0; i < 200; ++i) {
-                    const bool device_type = (i + t) % 2 == 0;
                     Buffer::sptr buffer = manager.create_memory(
-                            device_type ? ZEL_MM_DEVICE_BUFFER : ZEL_MM_HEAP, 512, i % 3);
+                            (i + t) % 2 ? ZEL_MM_HEAP : ZEL_MM_DEVICE_BUFFER, 512, i % 3);
                     ZelBuffer* record = manager.get_user_raw_buffer(buffer);
                     if (!buffer || !record || manager.get_fd(record) != buffer->fd ||
                         manager.delete_memory(record) != 0) {
@@ -115,18 +95,16 @@ TEST(MemoryProcess, BuffersReleaseOnOtherThreadsAndManagersServeEightThreads) {
         EXPECT_EQ(0, failures.load());
         EXPECT_EQ("", manager.to_string());
     }
-    EXPECT_EQ(fds, zel_test::CountOpenFds());
+    EXPECT_EQ(fds, CountOpenFds());
 }
 
 TEST(MemoryProcess, ChildWritesThroughAnImportedDeviceBuffer) {
     MemoryManager manager;
     Buffer::sptr shared = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 8192, 1);
     ASSERT_NE(nullptr, shared);
-    memset(shared->va, 0, 8192);
     int sockets[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sockets));
     unique_fd parent_end(sockets[0]), child_end(sockets[1]);
-    const uint32_t offset = 5000;
     ASSERT_EQ(1, android::base::SendFileDescriptors(parent_end, "b", 1, shared->fd));
 
     const std::string pattern = "written by the child";
@@ -136,14 +114,14 @@ TEST(MemoryProcess, ChildWritesThroughAnImportedDeviceBuffer) {
         if (android::base::ReceiveFileDescriptors(child_end, &tag, 1, &received) != 1)
             return "receive failed";
         MemoryManager child_manager;
-        Buffer::sptr view = child_manager.import_memory(received.get(), 8192, 256, offset);
+        Buffer::sptr view = child_manager.import_memory(received.get(), 8192, 256, 5000);
         memcpy(view->va, pattern.c_str(), pattern.size() + 1);
         return child_manager.delete_memory(child_manager.get_user_raw_buffer(view)) == 0
                        ? "ok"
                        : "delete failed";
     });
     EXPECT_EQ("ok", result);
-    EXPECT_EQ(pattern, static_cast<const char*>(shared->va) + offset);
+    EXPECT_EQ(pattern, static_cast<const char*>(shared->va) + 5000);
 }
 
 }  // namespace

@@ -23,6 +23,7 @@ namespace {
 using namespace zel::memory;
 using zel::TalornNnException;
 using zel::debug::DbgPrintManager;
+using zel_test::CountOpenFds;
 using zel_test::Line;
 using zel_test::LogCapture;
 using zel_test::MsgLine;
@@ -42,262 +43,189 @@ std::string Thrown(Body body) {
     return "<nothing thrown>";
 }
 
+// A memfd of `size` bytes, zero but for an 'm' at byte 300.
+int MarkedFd(off_t size) {
+    int fd = memfd_create("memory_test", MFD_CLOEXEC);
+    EXPECT_EQ(0, ftruncate(fd, size));
+    if (size > 300) EXPECT_EQ(1, pwrite(fd, "m", 1, 300));
+    return fd;
+}
+
+bool IsOpen(int fd) {
+    return fcntl(fd, F_GETFD) != -1;
+}
+
+// Heap a dmabuf descriptor came from: its exporter name, or the name of the host's memfd.
+std::string HeapOf(int fd) {
+    std::ifstream info("/proc/self/fdinfo/" + std::to_string(fd));
+    for (std::string line; std::getline(info, line);) {
+        if (line.rfind("exp_name:", 0) == 0) return line.substr(line.find_last_of(" \t") + 1);
+    }
+    char link[256] = {};
+    readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), link, sizeof(link) - 1);
+    const std::string name = strstr(link, "dmabuf:") ? strstr(link, "dmabuf:") + 7 : link;
+    return name.substr(0, name.find(' '));
+}
+
 class MemoryTest : public ::testing::Test {
   protected:
     void SetUp() override { saved_ = DbgPrintManager::GetInstance()->get_print_mask(); }
     void TearDown() override { DbgPrintManager::GetInstance()->set_mask(saved_); }
     void set_mask(uint64_t mask) { DbgPrintManager::GetInstance()->set_mask(mask); }
 
-    // A sealed-size-free memfd of `size` bytes whose byte i is (i % 251).
-    static int PatternFd(size_t size) {
-        int fd = memfd_create("memory_test", MFD_CLOEXEC);
-        std::string data(size, '\0');
-        for (size_t i = 0; i < size; ++i)
-            data[i] = static_cast<char>(i % 251);
-        EXPECT_EQ(static_cast<ssize_t>(size), pwrite(fd, data.data(), size, 0));
-        return fd;
-    }
-    static bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
-    static bool IsMapped(void* page) {
-        unsigned char vec;
-        return mincore(page, 4096, &vec) == 0;
-    }
-    // Heap a dmabuf descriptor came from: its exporter name, or the name of the host's memfd.
-    static std::string HeapOf(int fd) {
-        std::ifstream info("/proc/self/fdinfo/" + std::to_string(fd));
-        for (std::string line; std::getline(info, line);) {
-            if (line.rfind("exp_name:", 0) == 0) return line.substr(line.find_last_of(" \t") + 1);
-        }
-        char link[256] = {};
-        readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), link, sizeof(link) - 1);
-        std::string name(link);
-        name = name.substr(name.find("dmabuf:") + 7);
-        return name.substr(0, name.find(' '));
-    }
-
-    static std::string Ptr(void* address) {
-        char text[32];
-        snprintf(text, sizeof(text), "%p", address);
-        return text;
-    }
-
   private:
     uint64_t saved_ = 0;
 };
 
-TEST(MemoryBuffer, SizesAreCheckedIn32BitsAndDescribedOnOneLine) {
+TEST(MemoryBuffer, SizesAreCheckedIn32BitsAndExceptionTextsAreRebuilt) {
     char base[256];
-    Buffer derived(base, 100, 28, 0, -1, nullptr);
-    EXPECT_EQ(128u, derived.fd_size);
-    EXPECT_EQ(base + 28, derived.va);
-
     EXPECT_NO_THROW(Buffer(base, 100, 28, 128, -1, nullptr));
     EXPECT_EQ("Offset is bigger or equal than size(src/common/zel_memory/buffer:49)",
               Thrown([&] { Buffer(base, 101, 28, 128, -1, nullptr); }));
     // 0xFFFFFFFF + 2 wraps to 1, which fits in 4.
     EXPECT_NO_THROW(Buffer(base, 0xFFFFFFFFu, 2, 4, -1, nullptr));
-
     Buffer heap(reinterpret_cast<void*>(0x7f00), 4096, 0, 4096, -1, nullptr);
     EXPECT_EQ("va(0x7f00), base_va(0x7f00), size(4096), offset(0), fd(-1)", heap.to_string());
-}
 
-TEST(MemoryException, WhatIsRebuiltAndTheStreamIsSharedByCopies) {
     TalornNnException error("src/x", 7);
     EXPECT_STREQ("", error.what());
     error << "a" << 5 << 6u << std::string("s");
     EXPECT_STREQ("a56s(src/x:7)", error.what());
     EXPECT_STREQ("a56s(src/x:7)", error.what());
-    TalornNnException copy(error);
+    TalornNnException copy(error);  // shares the stream
     error << "!";
     EXPECT_STREQ("a56s!(src/x:7)", copy.what());
-    EXPECT_EQ(0, copy.reserved);
 }
 
-TEST_F(MemoryTest, NativeHandlesOwnExactlyOneDescriptor) {
+TEST_F(MemoryTest, HandlesAndImportsOwnExactlyTheirDuplicateAndMapping) {
     set_mask(0x3F);
     LogCapture log;
-    const int fds = zel_test::CountOpenFds();
-    const int fd = PatternFd(4096);
+    const int fds = CountOpenFds();
+    const int fd = MarkedFd(8192);
     native_handle_t* handle = nullptr;
     const int dup_fd = NativeHandleManager::CloneNativeHandle(&handle, fd);
     ASSERT_NE(nullptr, handle);
-    EXPECT_NE(fd, dup_fd);
     EXPECT_EQ(dup_fd, handle->data[0]);
     EXPECT_TRUE(log.contains(MsgLine("fd :" + std::to_string(fd) + " will be cloned")));
     EXPECT_TRUE(log.contains(
             MsgLine("Handle is cloned: " + std::to_string(fd) + " -> " + std::to_string(dup_fd))));
     NativeHandleManager::RemoveNativeHandle(&handle);
     EXPECT_FALSE(IsOpen(dup_fd));
-    EXPECT_TRUE(IsOpen(fd));
-    close(fd);
-
     native_handle_t* empty = native_handle_create(0, 0);
     for (const native_handle_t* source : {static_cast<native_handle_t*>(nullptr), empty}) {
         EXPECT_EQ("Invalid handle!(src/common/zel_memory/native_handle_manager:61)",
                   Thrown([&] { NativeHandleManager::CloneNativeHandle(&handle, source); }));
     }
     NativeHandleManager::RemoveNativeHandle(&empty);  // nothing to close, nothing to read
-    EXPECT_EQ(fds, zel_test::CountOpenFds());
-}
 
-TEST_F(MemoryTest, FdImportChecksItsArgumentsAndOwnsADuplicate) {
-    LogCapture log;
     FdImporter importer;
-    const int fds = zel_test::CountOpenFds();
-    const int fd = PatternFd(8192);
-
-    Buffer::sptr empty = importer.import(fd, 8192, 0, 0, nullptr);
-    ASSERT_NE(nullptr, empty);
-    EXPECT_EQ(0u, empty->size);
+    EXPECT_NE(nullptr, importer.import(fd, 8192, 0, 0, nullptr));
     EXPECT_NE(nullptr, importer.import(fd, 8192, 8192 - 16, 16, nullptr));
-    EXPECT_EQ(nullptr, importer.import(fd, 8192, 8192 - 15, 16, nullptr));
-    EXPECT_TRUE(log.contains(
-            MsgLine("Exception: Parameter is incorrect8177, 16, 8192" + kImporterAt + "52)")));
-    EXPECT_EQ(nullptr, importer.import(-1, 4096, 16, 0, nullptr));
-    EXPECT_TRUE(log.contains(MsgLine("Exception: fd is incorrect: -1" + kImporterAt + "75)")));
-
-    // A descriptor that cannot be mapped: the duplicate made for it must not stay open.
+    // A refused import returns null and logs why.
+    auto refused = [&](int from, uint32_t fd_size, uint32_t size, uint32_t offset,
+                       const std::string& why, int line) {
+        return importer.import(from, fd_size, size, offset, nullptr) == nullptr &&
+               log.contains(
+                       MsgLine("Exception: " + why + kImporterAt + std::to_string(line) + ")"));
+    };
+    EXPECT_TRUE(refused(fd, 8192, 8192 - 15, 16, "Parameter is incorrect8177, 16, 8192", 52));
+    EXPECT_TRUE(refused(-1, 4096, 16, 0, "fd is incorrect: -1", 75));
+    // Duplicated but not mappable: the duplicate must not stay open. Not open: not duplicated.
     int pipe_fds[2];
     ASSERT_EQ(0, pipe(pipe_fds));
-    EXPECT_EQ(nullptr, importer.import(pipe_fds[0], 4096, 16, 0, nullptr));
-    EXPECT_TRUE(log.contains(MsgLine("Exception: mmap failed : fd(" + std::to_string(pipe_fds[0]) +
-                                     "), size(4096)" + kImporterAt + "58)")));
+    const std::string pipe_fd = std::to_string(pipe_fds[0]);
+    EXPECT_TRUE(
+            refused(pipe_fds[0], 4096, 16, 0, "mmap failed : fd(" + pipe_fd + "), size(4096)", 58));
+    EXPECT_TRUE(refused(9999, 4096, 16, 0, "mmap failed : fd(9999), size(4096)", 58));
     close(pipe_fds[0]);
     close(pipe_fds[1]);
-    // A descriptor number that is not open cannot even be duplicated.
-    EXPECT_EQ(nullptr, importer.import(9999, 4096, 16, 0, nullptr));
-    EXPECT_TRUE(log.contains(
-            MsgLine("Exception: mmap failed : fd(9999), size(4096)" + kImporterAt + "58)")));
 
-    Buffer::sptr buffer = importer.import(fd, 8192, 100, 300, nullptr);
-    ASSERT_NE(nullptr, buffer);
-    close(fd);  // the buffer keeps its own descriptor
-    EXPECT_EQ(static_cast<char>(300 % 251), *static_cast<char*>(buffer->va));
-    EXPECT_EQ(8192u, buffer->fd_size);
-    const std::string released = "* Buffer Deleter: offset(300) buffer unmapped from base_va(" +
-                                 Ptr(buffer->base_va) + "), not va(" + Ptr(buffer->va) + ")\n";
-    empty.reset();
-    buffer.reset();
-    EXPECT_EQ(fds, zel_test::CountOpenFds());
-    EXPECT_TRUE(log.contains(Line(released)));
-}
-
-// Releasing an import that starts inside its mapping must unmap that whole mapping and nothing
-// beyond it: unmapping fd_size bytes from va would leave the first page mapped and reach into the
-// page after the mapping.
-TEST_F(MemoryTest, OffsetImportReleasesExactlyItsOwnMapping) {
-    LogCapture log;
-    FdImporter importer;
-    const int fd = PatternFd(8192);
-    for (uint32_t offset : {16u, 4096u}) {
-        Buffer::sptr buffer = importer.import(fd, 8192, 4096, offset, nullptr);
+    // Imports that start inside their mapping still read the file once the caller has closed its
+    // descriptor. Releasing one must unmap that whole mapping and nothing beyond it: unmapping
+    // fd_size bytes from va would leave the first page mapped and reach into the page after it.
+    Buffer::sptr buffers[] = {importer.import(fd, 8192, 100, 300, nullptr),
+                              importer.import(fd, 8192, 100, 4096, nullptr)};
+    close(fd);
+    auto is_mapped = [](void* page) {
+        unsigned char vec;
+        return mincore(page, 4096, &vec) == 0;
+    };
+    for (Buffer::sptr& buffer : buffers) {
         ASSERT_NE(nullptr, buffer);
+        const uint32_t offset = buffer->offset;
         char* base = static_cast<char*>(buffer->base_va);
-        char* after = base + 8192;
-        void* guard = mmap(after, 4096, PROT_READ | PROT_WRITE,
+        EXPECT_EQ(offset == 300 ? 'm' : '\0', *static_cast<char*>(buffer->va));
+        char released[160];
+        snprintf(released, sizeof(released),
+                 "* Buffer Deleter: offset(%u) buffer unmapped from base_va(%p), not va(%p)\n",
+                 offset, buffer->base_va, buffer->va);
+        // A page of our own right after the mapping, where the kernel lets us place one.
+        void* guard = mmap(base + 8192, 4096, PROT_READ,
                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
-        const bool own_guard = guard == after;
-        if (!own_guard && guard != MAP_FAILED) munmap(guard, 4096);  // flag not supported
-        const bool after_mapped = IsMapped(after);
-        if (own_guard) *after = 'g';
-
+        if (guard != base + 8192 && guard != MAP_FAILED) munmap(guard, 4096);  // flag unknown
+        const bool after_mapped = is_mapped(base + 8192);
         buffer.reset();
-        EXPECT_FALSE(IsMapped(base)) << offset;
-        EXPECT_FALSE(IsMapped(base + 4096)) << offset;
-        EXPECT_EQ(after_mapped, IsMapped(after)) << offset;
-        if (own_guard) {
-            EXPECT_EQ('g', *after);
-            munmap(after, 4096);
-        }
+        EXPECT_TRUE(log.contains(Line(released))) << offset;
+        EXPECT_FALSE(is_mapped(base)) << offset;
+        EXPECT_FALSE(is_mapped(base + 4096)) << offset;
+        EXPECT_EQ(after_mapped, is_mapped(base + 8192)) << offset;
+        if (guard == base + 8192) munmap(guard, 4096);
     }
-    close(fd);
+    EXPECT_EQ(fds, CountOpenFds());
 }
 
-TEST_F(MemoryTest, DummyImportWrapsCallerMemoryWithoutOwningIt) {
+TEST_F(MemoryTest, AllocatorsAndFactoryReportTheirFailures) {
     LogCapture log;
-    MemoryManager manager;
-    const int fd = PatternFd(64);
-    char memory[64];
-    Buffer::sptr dummy = manager.dummy_memory(fd, 0, 16, 8, memory);
-    ASSERT_NE(nullptr, dummy);
-    EXPECT_EQ(24u, dummy->fd_size);
-    EXPECT_EQ(memory + 8, dummy->va);
-    EXPECT_EQ(fd, dummy->fd);
-    EXPECT_EQ(nullptr, manager.get_user_raw_buffer(dummy));  // not pooled
-    dummy.reset();
-    EXPECT_TRUE(IsOpen(fd));
-    close(fd);
-
-    EXPECT_EQ(reinterpret_cast<void*>(8), manager.dummy_memory(-1, 0, 16, 8, nullptr)->va);
-    EXPECT_EQ(nullptr, manager.dummy_memory(3, 16, 16, 1, memory));
-    EXPECT_TRUE(log.contains(MsgLine(
-            "Exception: Offset is bigger or equal than size(src/common/zel_memory/buffer:49)")));
-}
-
-TEST_F(MemoryTest, HeapBuffersArePageRoundedButReportTheRequestedSize) {
-    LogCapture log;
-    HeapAllocator allocator(4096);
-    Buffer::sptr buffer = allocator.create_memory(1);
-    ASSERT_NE(nullptr, buffer);
-    EXPECT_EQ(1u, buffer->size);
-    EXPECT_EQ(1u, buffer->fd_size);
-    EXPECT_EQ(-1, buffer->fd);
-    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(buffer->base_va) % 4096);
-    EXPECT_GE(malloc_usable_size(buffer->base_va), 4096u);
-
-    EXPECT_EQ(nullptr, allocator.create_memory(0));
+    const int fds = CountOpenFds();
+    HeapAllocator heap(4096);
+    Buffer::sptr small = heap.create_memory(1);
+    ASSERT_NE(nullptr, small);
+    EXPECT_EQ(1u, small->size);
+    EXPECT_EQ(1u, small->fd_size);
+    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(small->base_va) % 4096);
+    EXPECT_GE(malloc_usable_size(small->base_va), 4096u);
+    EXPECT_EQ(nullptr, heap.create_memory(0));
     EXPECT_EQ(std::vector<std::string>{MsgLine(
                       "Exception at creation: Incorrect size(0) "
                       "requested(src/common/zel_memory/allocator/heap_allocator:49)")},
               log.messages());
-}
 
-TEST_F(MemoryTest, DeviceAllocatorsUseTheirHeapAndReportFailuresOnStdout) {
     set_mask(0xB);
-    LogCapture log;
-    const int fds = zel_test::CountOpenFds();
-    auto allocator = std::make_unique<DeviceBufferAllocatorUncached>();
+    auto device = std::make_unique<DeviceBufferAllocatorUncached>();
     EXPECT_TRUE(log.contains(MsgLine("Open with heap: system-uncached, dmabuf_system_heap")));
-
-    Buffer::sptr buffer = allocator->create_memory(100);
+    Buffer::sptr buffer = device->create_memory(100);
     ASSERT_NE(nullptr, buffer);
     EXPECT_EQ(100u, buffer->size);
-    EXPECT_EQ(100u, buffer->fd_size);
-    ASSERT_NE(nullptr, buffer->native_handle);
-    EXPECT_EQ(buffer->fd, buffer->native_handle->data[0]);
     EXPECT_EQ("system-uncached", HeapOf(buffer->fd));
     memset(buffer->va, 0x5A, 100);
-
     testing::internal::CaptureStdout();
-    EXPECT_EQ(nullptr, allocator->create_memory(0));
-    allocator->allocator.reset();
-    EXPECT_EQ(nullptr, allocator->create_memory(4096));
+    EXPECT_EQ(nullptr, device->create_memory(0));
+    device->allocator.reset();
+    EXPECT_EQ(nullptr, device->create_memory(4096));
     EXPECT_EQ("dmabuf_allocator allocation failed!" + kDeviceAt + "75)\n" +
                       "Allocator is not available." + kDeviceAt + "73)\n",
               testing::internal::GetCapturedStdout());
-
     log.clear();
-    allocator.reset();
+    device.reset();
     EXPECT_EQ(std::vector<std::string>{Line("  Allocator is not available.\n")}, log.messages());
     // The buffer needs nothing of its allocator to be released.
     EXPECT_EQ(0x5A, static_cast<unsigned char*>(buffer->va)[99]);
     buffer.reset();
-    EXPECT_EQ(fds, zel_test::CountOpenFds());
-}
+    EXPECT_EQ(fds, CountOpenFds());
 
-TEST_F(MemoryTest, FactoryRefusesUnknownTypesAndAshmem) {
     set_mask(0x23);
-    LogCapture log;
     BufferFactory factory;
+    log.clear();
     EXPECT_EQ(nullptr, factory.allocate(static_cast<BufferAllocationType>(3), 4096));
     EXPECT_EQ(nullptr, factory.allocate_ashmem(4096));
     EXPECT_EQ(nullptr, factory.import_buffer(-1, 4096, 16, 8));
-    const std::vector<std::string> expected = {
-            MsgLine("(type, _size) = (3, 4096) is incorrect."),
-            MsgLine("ashmem allocation is not allowed: Please check _ENABLE_ASHMEM is enabled"),
-            Line("  fd(-1), fd_size(4096), buf_size(16), offset(8)\n"),
-            MsgLine("Exception: fd is incorrect: -1" + kImporterAt + "75)")};
-    EXPECT_EQ(expected, log.messages());
+    EXPECT_EQ((std::vector<std::string>{
+                      MsgLine("(type, _size) = (3, 4096) is incorrect."),
+                      MsgLine("ashmem allocation is not allowed: Please check _ENABLE_ASHMEM is "
+                              "enabled"),
+                      Line("  fd(-1), fd_size(4096), buf_size(16), offset(8)\n"),
+                      MsgLine("Exception: fd is incorrect: -1" + kImporterAt + "75)")}),
+              log.messages());
 }
 
 TEST_F(MemoryTest, PoolKeepsOneRecordPerBufferAndMatchesRecordsByValue) {
@@ -312,7 +240,6 @@ TEST_F(MemoryTest, PoolKeepsOneRecordPerBufferAndMatchesRecordsByValue) {
     EXPECT_EQ(record, pool.add_buffer(first));
     EXPECT_TRUE(log.contains(MsgLine("buffer map already has buffer: " + first->to_string())));
     pool.add_buffer(second);
-    EXPECT_EQ(2u, pool.buffer_map.size());
     EXPECT_EQ("BUFFER_MAP: " + lower->to_string() + "\nBUFFER_MAP: " + lower->to_string() + "\n",
               pool.to_string());
 
@@ -324,8 +251,6 @@ TEST_F(MemoryTest, PoolKeepsOneRecordPerBufferAndMatchesRecordsByValue) {
     ZelBuffer stranger{memory, 1, 0};
     EXPECT_EQ("Not found user_buffer0" + kPoolAt + "99)",
               Thrown([&] { pool.get_buffer(&stranger); }));
-    EXPECT_EQ("buffer is not managed by map: please check local ptr is modified" + kPoolAt + "80)",
-              Thrown([&] { pool.delete_buffer(&stranger); }));
     log.clear();
     pool.delete_buffer(lower);  // unknown by now: logged, not thrown
     EXPECT_EQ((std::vector<std::string>{
@@ -338,12 +263,29 @@ TEST_F(MemoryTest, PoolKeepsOneRecordPerBufferAndMatchesRecordsByValue) {
 TEST_F(MemoryTest, ManagerTurnsEveryFailureIntoItsResult) {
     LogCapture log;
     MemoryManager manager;
+    // A dummy buffer wraps the caller's memory and descriptor without owning or pooling them; an
+    // fd_size of 0 becomes size + offset.
+    const int fd = MarkedFd(64);
+    char memory[64];
+    Buffer::sptr dummy = manager.dummy_memory(fd, 0, 16, 8, memory);
+    ASSERT_NE(nullptr, dummy);
+    EXPECT_EQ(24u, dummy->fd_size);
+    EXPECT_EQ(memory + 8, dummy->va);
+    EXPECT_EQ(fd, dummy->fd);
+    EXPECT_EQ(nullptr, manager.get_user_raw_buffer(dummy));
+    dummy.reset();
+    EXPECT_TRUE(IsOpen(fd));
+    close(fd);
+    EXPECT_EQ(reinterpret_cast<void*>(8), manager.dummy_memory(-1, 0, 16, 8, nullptr)->va);
+    EXPECT_EQ(nullptr, manager.dummy_memory(3, 16, 16, 1, memory));
+    EXPECT_TRUE(log.contains(MsgLine(
+            "Exception: Offset is bigger or equal than size(src/common/zel_memory/buffer:49)")));
+
     Buffer::sptr heap = manager.create_memory(ZEL_MM_HEAP, 4096, 0);
     ASSERT_NE(nullptr, heap);
     EXPECT_EQ(-1, heap->fd);
     ZelBuffer* record = manager.get_user_raw_buffer(heap);
     ASSERT_NE(nullptr, record);
-    EXPECT_EQ(heap->va, record->va);
     EXPECT_EQ("system", HeapOf(manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64, 1)->fd));
     Buffer::sptr uncached = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64, 0);
     EXPECT_EQ("system-uncached", HeapOf(uncached->fd));
