@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -25,10 +26,8 @@
 namespace {
 
 using android::base::unique_fd;
-using zel::util::ProfileNode;
-using zel::util::ZelProfileData;
-using zel::util::ZelProfiler;
-using zel::util::ZelProfilerWrapper;
+using namespace zel::util;
+using W = ZelProfilerWrapper;
 using zel_test::Line;
 
 constexpr uint64_t kModel = 7;
@@ -46,75 +45,65 @@ bool Send(int sock, const Packet& packet, int fd = -1) {
 }
 
 bool Receive(int sock, Packet* packet, unique_fd* fd = nullptr) {
-    if (fd != nullptr) {
-        return android::base::ReceiveFileDescriptors(sock, packet, sizeof(*packet), fd) ==
-               static_cast<ssize_t>(sizeof(*packet));
-    }
-    return read(sock, packet, sizeof(*packet)) == static_cast<ssize_t>(sizeof(*packet));
+    const ssize_t got =
+            fd != nullptr ? android::base::ReceiveFileDescriptors(sock, packet, sizeof(*packet), fd)
+                          : read(sock, packet, sizeof(*packet));
+    return got == static_cast<ssize_t>(sizeof(*packet));
 }
 
-// Device durations per operation: DD_ROOT, FW, HW, nested, the same in every iteration.
-uint32_t Duration(uint64_t op, int slot) {
-    static const uint32_t kDurations[kOps][3] = {{30, 20, 12}, {24, 16, 9}};
-    return kDurations[op - 1][slot];
-}
-
-void Spin(int microseconds) {
-    const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(microseconds);
-    while (std::chrono::steady_clock::now() < until) {
-    }
+// Iteration k's entries as a driver writes them: DD_ROOT in the DD area, FW and HW in the FW area.
+void WriteDevice(void* buffer, uint64_t split, uint64_t k, DeviceProfilerData dd,
+                 DeviceProfilerData fw, DeviceProfilerData hw) {
+    auto* va = static_cast<uint8_t*>(buffer);
+    memcpy(va + 8 + k * 8, &dd, 8);
+    memcpy(va + 8 + split + k * 16, &fw, 8);
+    memcpy(va + 8 + split + k * 16 + 8, &hw, 8);
+    const uint64_t num_iter = k + 1;
+    memcpy(va, &num_iter, 8);
 }
 
 int Client(int service) {
-    ZelProfilerWrapper::initialize(zel::util::PROFILE_ON, kIterations);
-    ZelProfilerWrapper::create_profiler_client(kModel);
+    W::initialize(PROFILE_ON, kIterations);
+    W::create_profiler_client(kModel);
     for (uint64_t i = 0; i < kIterations; ++i) {
-        ZelProfilerWrapper::profile_from(kModel, zel::util::API, 0, i);
-        ZelProfilerWrapper::profile_from(kModel, zel::util::CLIENT, 0, i);
+        W::profile_from(kModel, API, 0, i);
+        W::profile_from(kModel, CLIENT, 0, i);
         Packet reply;
         if (!Send(service, {i, 0}) || !Receive(service, &reply)) return 1;
-        ZelProfilerWrapper::profile_until(kModel, zel::util::CLIENT, 0, i);
-        ZelProfilerWrapper::profile_until(kModel, zel::util::API, 0, i);
+        W::profile_until(kModel, CLIENT, 0, i);
+        W::profile_until(kModel, API, 0, i);
     }
-    zel::memory::Buffer::sptr profile = ZelProfilerWrapper::get_client_profiler_mem(kModel);
+    zel::memory::Buffer::sptr profile = W::get_client_profiler_mem(kModel);
     Packet taken;
-    if (profile == nullptr || !Send(service, {profile->size, 0}, profile->fd) ||
-        !Receive(service, &taken)) {
-        return 2;
-    }
-    return 0;
+    const bool sent = profile != nullptr && Send(service, {profile->size, 0}, profile->fd);
+    return sent && Receive(service, &taken) ? 0 : 2;
 }
 
-// Maps each device buffer it is given; for each run writes the entries of that iteration.
+// Maps each device buffer it is given; for each run writes that iteration's entries: DD_ROOT,
+// FW and HW durations per operation, the same in every iteration.
 int Driver(int service) {
-    uint8_t* buffers[kOps + 1] = {};
-    uint64_t sizes[kOps + 1] = {};
+    static const uint32_t kDurations[kOps + 1][3] = {{}, {30, 20, 12}, {24, 16, 9}};
+    void* buffers[kOps + 1] = {};  // unmapped as the process exits
     for (uint64_t op = 1; op <= kOps; ++op) {
         Packet packet;
         unique_fd fd;
         if (!Receive(service, &packet, &fd)) return 1;
         void* va = mmap(nullptr, packet.what, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
         if (va == MAP_FAILED) return 2;
-        buffers[packet.op] = static_cast<uint8_t*>(va);
-        sizes[packet.op] = packet.what;
+        buffers[packet.op] = va;
     }
     Packet run;
     while (Receive(service, &run) && run.op != 0) {
-        Spin(50);  // the device works at least as long as it reports
-        const uint64_t k = run.what;
-        uint8_t* va = buffers[run.op];
-        const uint64_t split = kIterations * 8;  // one DD label per iteration
-        const zel::util::DeviceProfilerData dd = {zel::util::DD_ROOT, 0, Duration(run.op, 0)};
-        const zel::util::DeviceProfilerData fw[2] = {{zel::util::FW, 0, Duration(run.op, 1)},
-                                                     {zel::util::HW, 0, Duration(run.op, 2)}};
-        memcpy(va + 8 + k * 8, &dd, 8);
-        memcpy(va + 8 + split + k * 16, fw, 16);
-        const uint64_t num_iter = k + 1;
-        memcpy(va, &num_iter, 8);
+        // The device works at least as long as it reports.
+        const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(50);
+        while (std::chrono::steady_clock::now() < until) {
+        }
+        const uint32_t* d = kDurations[run.op];
+        // One DD label per iteration: the FW area starts after kIterations entries.
+        WriteDevice(buffers[run.op], kIterations * 8, run.what, {DD_ROOT, 0, d[0]}, {FW, 0, d[1]},
+                    {HW, 0, d[2]});
         if (!Send(service, run)) return 3;
     }
-    for (uint64_t op = 1; op <= kOps; ++op)
-        munmap(buffers[op], sizes[op]);
     return 0;
 }
 
@@ -142,6 +131,13 @@ bool Exited(pid_t pid) {
     return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+std::string SummaryRow(double avg, uint64_t median, uint64_t p90, const char* name) {
+    char row[160];
+    snprintf(row, sizeof(row), "*       %12.1f          %12lu        %12lu    %s\n", avg, median,
+             p90, name);
+    return Line(row);
+}
+
 // The service: returns the merged tree, then the report lines of the device stages.
 std::string Service() {
     int client_pair[2], driver_pair[2];
@@ -157,25 +153,25 @@ std::string Service() {
     const int to_client = client_pair[0];
     const int to_driver = driver_pair[0];
 
-    ZelProfilerWrapper::initialize(zel::util::PROFILE_ON, kIterations);
-    ZelProfilerWrapper::create_profiler(kModel);
+    W::initialize(PROFILE_ON, kIterations);
+    W::create_profiler(kModel);
     for (uint64_t op = 1; op <= kOps; ++op) {
-        zel::util::DeviceProfileInfo info{};
-        ZelProfilerWrapper::create_device_profiler(kModel, op, info);
+        DeviceProfileInfo info{};
+        W::create_device_profiler(kModel, op, info);
         if (info.enable != 1 || info.split_offset != kIterations * 8) return "bad device info";
         Send(to_driver, {info.size, op}, info.fd);
     }
     for (uint64_t i = 0; i < kIterations; ++i) {
         Packet request;
         if (!Receive(to_client, &request) || request.what != i) return "client went away";
-        ZelProfilerWrapper::profile_from(kModel, zel::util::SERVICE, 0, i);
+        W::profile_from(kModel, SERVICE, 0, i);
         for (uint64_t op = 1; op <= kOps; ++op) {
-            ZelProfilerWrapper::profile_from(kModel, zel::util::DD, op, i);
+            W::profile_from(kModel, DD, op, i);
             Packet done;
             if (!Send(to_driver, {i, op}) || !Receive(to_driver, &done)) return "driver went away";
-            ZelProfilerWrapper::profile_until(kModel, zel::util::DD, op, i);
+            W::profile_until(kModel, DD, op, i);
         }
-        ZelProfilerWrapper::profile_until(kModel, zel::util::SERVICE, 0, i);
+        W::profile_until(kModel, SERVICE, 0, i);
         Send(to_client, request);
     }
     Packet handover;
@@ -185,10 +181,10 @@ std::string Service() {
         zel::memory::MemoryManager memory;
         const auto size = static_cast<uint32_t>(handover.what);
         zel::memory::Buffer::sptr buffer = memory.import_memory(profile_fd.get(), size, size, 0);
-        zel::util::ClientProfileHeader header;
+        ClientProfileHeader header;
         memcpy(&header, buffer->va, sizeof(header));
         if (header.model_id != kModel) return "wrong model id in the client profile";
-        if (ZelProfilerWrapper::merge_rawdata_mem_to_profiler(
+        if (W::merge_rawdata_mem_to_profiler(
                     kModel, static_cast<uint8_t*>(buffer->va) + 24, static_cast<int>(size - 24),
                     static_cast<int>(header.num_iter), static_cast<int>(header.num_label)) != 0) {
             return "client merge failed";
@@ -199,121 +195,73 @@ std::string Service() {
     if (!Exited(client) || !Exited(driver)) return "a child process failed";
 
     for (uint64_t op = 1; op <= kOps; ++op)
-        ZelProfilerWrapper::merge_device_profiler_to_main_profiler(kModel, op);
-    if (!ZelProfilerWrapper::deviceProfilerMap_.empty()) return "device profilers left";
-    ZelProfiler* merged = ZelProfilerWrapper::profilerMap_.at(kModel);
+        W::merge_device_profiler_to_main_profiler(kModel, op);
+    if (!W::deviceProfilerMap_.empty()) return "device profilers left";
+    ZelProfiler* merged = W::profilerMap_.at(kModel);
     std::string result = TreeText(merged->root) + "\n" + std::to_string(merged->num_iter) + "x" +
                          std::to_string(merged->num_label) + "\n";
 
     zel_test::LogCapture log;
-    ZelProfilerWrapper::remove_profiler(kModel);
+    W::remove_profiler(kModel);
     // The summary rows of the device stages: those are the driver's numbers.
     const std::regex device_row("^2\\.1\\.17: \\* +[0-9]+\\.[0-9] .*_(DD_ROOT|FW|HW)_0x[12]\n$");
     for (const std::string& line : log.messages()) {
         if (std::regex_match(line, device_row)) result += line;
     }
-    return result + (ZelProfilerWrapper::profilerMap_.empty() ? "" : "registry not empty\n");
+    return result + (W::profilerMap_.empty() ? "" : "registry not empty\n");
 }
 
 TEST(ProfilerFlowTest, ClientServiceAndDeviceProfilesMergeAcrossProcesses) {
-    const std::string result = zel_test::RunInChild(Service);
     // Device stages nest under the service's DD stage of their operation, the service's stages
-    // under the client's CLIENT stage.
+    // under the client's CLIENT stage; a device stage's self time is the driver's duration less
+    // its children's.
     EXPECT_EQ(
             "TOTAL(API(CLIENT(SERVICE(DD_1(DD_ROOT_1(FW_1(HW_1))),DD_2(DD_ROOT_2(FW_2(HW_2)))))))"
-            "\n12x22\n"
-            // Summary rows of the device stages: self times are the driver's durations less
-            // their children's, the same in every iteration.
-            "2.1.17: *               10.0                    10                  10    "
-            "_____DD_ROOT_0x1\n"
-            "2.1.17: *                8.0                     8                   8    "
-            "______FW_0x1\n"
-            "2.1.17: *               12.0                    12                  12    "
-            "_______HW_0x1\n"
-            "2.1.17: *                8.0                     8                   8    "
-            "_____DD_ROOT_0x2\n"
-            "2.1.17: *                7.0                     7                   7    "
-            "______FW_0x2\n"
-            "2.1.17: *                9.0                     9                   9    "
-            "_______HW_0x2\n",
-            result);
+            "\n12x22\n" +
+                    SummaryRow(10.0, 10, 10, "_____DD_ROOT_0x1") +
+                    SummaryRow(8.0, 8, 8, "______FW_0x1") +
+                    SummaryRow(12.0, 12, 12, "_______HW_0x1") +
+                    SummaryRow(8.0, 8, 8, "_____DD_ROOT_0x2") +
+                    SummaryRow(7.0, 7, 7, "______FW_0x2") + SummaryRow(9.0, 9, 9, "_______HW_0x2"),
+            zel_test::RunInChild(Service));
 }
 
-// Raw data of one stage sequence per iteration: {label, postfix, start or end, time}.
-struct Rec {
-    zel::util::ProfileLabel label;
-    uint64_t postfix;
-    uint64_t type;
-    uint64_t time;
-};
-std::vector<ZelProfileData> RawData(const std::vector<std::vector<Rec>>& iterations) {
+// An outer stage around an inner one, one {outer start, inner start, inner end, outer end} per
+// iteration.
+std::vector<ZelProfileData> Nested(ProfileLabel outer, ProfileLabel inner, uint64_t postfix,
+                                   const std::vector<std::array<uint64_t, 4>>& times) {
     std::vector<ZelProfileData> data;
-    for (size_t i = 0; i < iterations.size(); ++i) {
-        for (const Rec& r : iterations[i])
-            data.push_back({r.type, r.label, r.postfix, i, r.time});
+    for (uint64_t i = 0; i < times.size(); ++i) {
+        const auto& t = times[i];
+        data.insert(data.end(), {{START, outer, 0, i, t[0]},
+                                 {START, inner, postfix, i, t[1]},
+                                 {END, inner, postfix, i, t[2]},
+                                 {END, outer, 0, i, t[3]}});
     }
     return data;
-}
-
-std::string SummaryRow(double avg, uint64_t median, uint64_t p90, const char* name) {
-    char row[160];
-    snprintf(row, sizeof(row), "*       %12.1f          %12lu        %12lu    %s\n", avg, median,
-             p90, name);
-    return Line(row);
-}
-
-void WriteDevice(const zel::util::DeviceProfileInfo& info, uint64_t k,
-                 zel::util::DeviceProfilerData dd, zel::util::DeviceProfilerData fw,
-                 zel::util::DeviceProfilerData hw) {
-    auto* va = static_cast<uint8_t*>(info.va);
-    memcpy(va + 8 + k * 8, &dd, 8);
-    memcpy(va + 8 + info.split_offset + k * 16, &fw, 8);
-    memcpy(va + 8 + info.split_offset + k * 16 + 8, &hw, 8);
-    const uint64_t num_iter = k + 1;
-    memcpy(va, &num_iter, 8);
 }
 
 // With known times, the merged report is exact: the service's stages under CLIENT, the device's
 // under DD, each stage's self time excluding its children.
 TEST(ProfilerFlowTest, MergedReportLineForLine) {
     const std::string result = zel_test::RunInChild([] {
-        using namespace zel::util;
-        ZelProfilerWrapper::initialize(PROFILE_ON, 2);
-        std::vector<ZelProfileData> client = RawData({{{API, 0, START, 1000},
-                                                       {CLIENT, 0, START, 1010},
-                                                       {CLIENT, 0, END, 1090},
-                                                       {API, 0, END, 1100}},
-                                                      {{API, 0, START, 2000},
-                                                       {CLIENT, 0, START, 2010},
-                                                       {CLIENT, 0, END, 2110},
-                                                       {API, 0, END, 2120}}});
-        std::vector<ZelProfileData> service = RawData({{{SERVICE, 0, START, 1020},
-                                                        {DD, 1, START, 1030},
-                                                        {DD, 1, END, 1070},
-                                                        {SERVICE, 0, END, 1080}},
-                                                       {{SERVICE, 0, START, 2020},
-                                                        {DD, 1, START, 2030},
-                                                        {DD, 1, END, 2090},
-                                                        {SERVICE, 0, END, 2100}}});
-        ZelProfilerWrapper::profilerMap_[kModel] =
-                new ZelProfiler(kModel, service.data(), service.size() * 40, 2, 2, 4);
+        W::initialize(PROFILE_ON, 2);
+        auto client = Nested(API, CLIENT, 0, {{1000, 1010, 1090, 1100}, {2000, 2010, 2110, 2120}});
+        auto service = Nested(SERVICE, DD, 1, {{1020, 1030, 1070, 1080}, {2020, 2030, 2090, 2100}});
+        W::profilerMap_[kModel] = new ZelProfiler(kModel, service.data(), 320, 2, 2, 4);
         DeviceProfileInfo info{};
-        ZelProfilerWrapper::create_device_profiler(kModel, 1, info);
-        WriteDevice(info, 0, {DD_ROOT, 0, 30}, {FW, 0, 20}, {HW, 0, 12});
-        WriteDevice(info, 1, {DD_ROOT, 0, 50}, {FW, 0, 40}, {HW, 0, 25});
-
-        if (ZelProfilerWrapper::merge_rawdata_mem_to_profiler(
-                    kModel, client.data(), static_cast<int>(client.size() * 40), 2, 4) != 0) {
+        W::create_device_profiler(kModel, 1, info);
+        WriteDevice(info.va, info.split_offset, 0, {DD_ROOT, 0, 30}, {FW, 0, 20}, {HW, 0, 12});
+        WriteDevice(info.va, info.split_offset, 1, {DD_ROOT, 0, 50}, {FW, 0, 40}, {HW, 0, 25});
+        if (W::merge_rawdata_mem_to_profiler(kModel, client.data(), 320, 2, 4) != 0) {
             return std::string("client merge failed");
         }
-        ZelProfilerWrapper::merge_device_profiler_to_main_profiler(kModel, 1);
+        W::merge_device_profiler_to_main_profiler(kModel, 1);
         zel_test::LogCapture log;
-        ZelProfilerWrapper::remove_profiler(kModel);
+        W::remove_profiler(kModel);
         std::string text;
-        bool summary = false;
         for (const std::string& line : log.messages()) {
-            summary = summary || line.find("<avg>") != std::string::npos;
-            if (summary) text += line;
+            if (!text.empty() || line.find("<avg>") != std::string::npos) text += line;
         }
         return text;
     });
@@ -330,38 +278,50 @@ TEST(ProfilerFlowTest, MergedReportLineForLine) {
               result);
 }
 
-// What a driver writes is not trusted: none of these may crash the service or change its
-// profile; each fails that operation with a "* " line and drops the device profile.
-TEST(ProfilerFlowTest, BadDeviceDataLeavesTheServiceProfile) {
+// What the driver writes and the client's profile memory come from other processes: none of it
+// may crash the service or change its profile. Bad device data fails that operation with a "* "
+// line and drops the device profile; client counts that disagree with the memory's size are
+// refused before anything reads by them, and a failed client merge leaves the registry as it was.
+TEST(ProfilerFlowTest, UntrustedDataLeavesTheServiceProfile) {
     const std::string result = zel_test::RunInChild([] {
-        using namespace zel::util;
         constexpr uint64_t kBadOps = 4;
-        ZelProfilerWrapper::initialize(PROFILE_ON, 3);
-        ZelProfilerWrapper::create_profiler(kModel);
+        W::initialize(PROFILE_ON, 3);
+        W::create_profiler(kModel);
         for (uint64_t i = 0; i < 3; ++i) {
-            ZelProfilerWrapper::profile_from(kModel, SERVICE, 0, i);
+            W::profile_from(kModel, SERVICE, 0, i);
             for (uint64_t op = 1; op <= kBadOps; ++op) {
-                ZelProfilerWrapper::profile_from(kModel, DD, op, i);
-                ZelProfilerWrapper::profile_until(kModel, DD, op, i);
+                W::profile_from(kModel, DD, op, i);
+                W::profile_until(kModel, DD, op, i);
             }
-            ZelProfilerWrapper::profile_until(kModel, SERVICE, 0, i);
+            W::profile_until(kModel, SERVICE, 0, i);
         }
         DeviceProfileInfo info[kBadOps + 1] = {};
         for (uint64_t op = 1; op <= kBadOps; ++op)
-            ZelProfilerWrapper::create_device_profiler(kModel, op, info[op]);
+            W::create_device_profiler(kModel, op, info[op]);
         // 1: num_iter beyond the limit; 2: a label outside the tree; 3: every byte 0xFF;
         // 4: empty slots, which bind to the tree's root and leave the stages unbound.
-        WriteDevice(info[1], 0, {DD_ROOT, 0, 3}, {FW, 0, 2}, {HW, 0, 1});
-        const uint64_t too_many = 4;
+        const uint64_t too_many = 4, one = 1;
+        WriteDevice(info[1].va, info[1].split_offset, 0, {DD_ROOT, 0, 3}, {FW, 0, 2}, {HW, 0, 1});
         memcpy(info[1].va, &too_many, 8);
-        WriteDevice(info[2], 0, {API, 0, 3}, {FW, 0, 2}, {HW, 0, 1});
+        WriteDevice(info[2].va, info[2].split_offset, 0, {API, 0, 3}, {FW, 0, 2}, {HW, 0, 1});
         memset(info[3].va, 0xFF, info[3].size);
-        const uint64_t one = 1;
         memcpy(info[4].va, &one, 8);
 
         zel_test::LogCapture log;
         for (uint64_t op = 1; op <= kBadOps; ++op)
-            ZelProfilerWrapper::merge_device_profiler_to_main_profiler(kModel, op);
+            W::merge_device_profiler_to_main_profiler(kModel, op);
+        ZelProfiler* service = W::profilerMap_.at(kModel);
+        auto client = Nested(API, CLIENT, 0, {{10, 20, 30, 40}});
+        // A loop, not a chain of +: the calls log, and + leaves their order open.
+        std::string codes;
+        for (const auto& [size, iterations] : {std::pair{160, 2}, {-1, 1}, {160, -1}})
+            codes += std::to_string(
+                    W::merge_rawdata_mem_to_profiler(kModel, client.data(), size, iterations, 4));
+        // Records queued after raw data exist make the client profile's finalize fail.
+        ZelProfiler late(kModel, client.data(), 160, 10, 1, 4);
+        late.add_record_start(API, 0, 0);
+        codes += std::to_string(W::merge_client_service_profilers(kModel, &late));
+
         std::string text;
         for (const std::string& line : log.messages()) {
             if (line.rfind("2.1.17: * ", 0) == 0 && line.find("Finalize") == std::string::npos &&
@@ -370,10 +330,10 @@ TEST(ProfilerFlowTest, BadDeviceDataLeavesTheServiceProfile) {
                 text += line;
             }
         }
-        ZelProfiler* service = ZelProfilerWrapper::profilerMap_.at(kModel);
-        text += "left " + std::to_string(ZelProfilerWrapper::deviceProfilerMap_.size()) +
-                " labels " + std::to_string(service->num_label) + "\n";
-        ZelProfilerWrapper::remove_profiler(kModel);
+        text += codes + " left " + std::to_string(W::deviceProfilerMap_.size());
+        if (W::profilerMap_.at(kModel) != service) return text + " replaced\n";
+        text += " labels " + std::to_string(service->num_label) + " kept\n";
+        W::remove_profiler(kModel);
         return text;
     });
     EXPECT_EQ(Line("* Device num_iter(4) beyond the buffer. max_iter(3) size(152)\n") +
@@ -387,44 +347,7 @@ TEST(ProfilerFlowTest, BadDeviceDataLeavesTheServiceProfile) {
                       Line("* No device profile to merge for op(0x3)\n") +
                       Line("* No device slot for label(DD_ROOT)\n") +
                       Line("* Fail to convert_to_rawdata\n") +
-                      Line("* No device profile to merge for op(0x4)\n") + "left 0 labels 10\n",
-              result);
-}
-
-// Client profile memory comes from another process: counts that disagree with its size are
-// refused before anything reads by them, and a failed merge leaves the registry as it was.
-TEST(ProfilerFlowTest, ClientMergeFailuresLeaveTheRegistry) {
-    const std::string result = zel_test::RunInChild([] {
-        using namespace zel::util;
-        ZelProfilerWrapper::initialize(PROFILE_ON, 0);
-        ZelProfilerWrapper::create_profiler(kModel);
-        ZelProfiler* service = ZelProfilerWrapper::profilerMap_.at(kModel);
-        std::vector<ZelProfileData> client = RawData({{{API, 0, START, 10},
-                                                       {CLIENT, 0, START, 20},
-                                                       {CLIENT, 0, END, 30},
-                                                       {API, 0, END, 40}}});
-        zel_test::LogCapture log;
-        std::string text;
-        text += std::to_string(ZelProfilerWrapper::merge_rawdata_mem_to_profiler(
-                kModel, client.data(), 160, 2, 4));
-        text += std::to_string(
-                ZelProfilerWrapper::merge_rawdata_mem_to_profiler(kModel, client.data(), -1, 1, 4));
-        text += std::to_string(ZelProfilerWrapper::merge_rawdata_mem_to_profiler(
-                kModel, client.data(), 160, -1, 4));
-        // Records queued after raw data exist make the client profile's finalize fail.
-        ZelProfiler late(kModel, client.data(), 160, 10, 1, 4);
-        late.add_record_start(API, 0, 0);
-        text += std::to_string(ZelProfilerWrapper::merge_client_service_profilers(kModel, &late));
-        text += ZelProfilerWrapper::profilerMap_.at(kModel) == service ? " kept\n" : " replaced\n";
-        for (const std::string& line : log.messages()) {
-            if (line.rfind("2.1.17: * ", 0) == 0 && line.find("Finalize") == std::string::npos) {
-                text += line;
-            }
-        }
-        ZelProfilerWrapper::remove_profiler(kModel);
-        return text;
-    });
-    EXPECT_EQ("1111 kept\n" +
+                      Line("* No device profile to merge for op(0x4)\n") +
                       Line("* Client profile counts disagree with its size. size(160) num_iter(2) "
                            "num_label(4)\n") +
                       Line("* Client profile counts disagree with its size. size(-1) num_iter(1) "
@@ -433,7 +356,8 @@ TEST(ProfilerFlowTest, ClientMergeFailuresLeaveTheRegistry) {
                            "num_iter(-1) num_label(4)\n") +
                       Line("* Wrong flow. We already have rawdata\n") +
                       Line("* Fail to process queue data to rawdata.(default)\n") +
-                      Line("* Fail to finalize profilerFromClient at merge stage\n"),
+                      Line("* Fail to finalize profilerFromClient at merge stage\n") +
+                      "1111 left 0 labels 10 kept\n",
               result);
 }
 

@@ -57,65 +57,52 @@ TEST(ProfilerWrapperTest, LabelMaskAndPrintFlagsFollowTheMode) {
     EXPECT_EQ("0x3fff000 101", StateAfter({0x1, 0x9, 0x3}));
 }
 
-TEST(ProfilerWrapperTest, InitializeReadsThePropertiesWhereArgumentsAreZero) {
-    const std::string absent = zel_test::RunInChild([] {
-        zel::debug::DbgPrintManager::GetInstance()->set_mask(0x7);
-        zel_test::LogCapture log;
-        W::initialize(0, 0);
-        return std::to_string(log.count(Line(
-                       "* No value for (vendor.property.for.talorn.nn.profile.mode). Skip.\n"))) +
-               std::to_string(log.count(Line("* No value for "
-                                             "(vendor.property.for.talorn.nn.profile.max_iter). "
-                                             "Skip.\n"))) +
-               " " + Hex(W::mode_) + " " + std::to_string(W::maxIter_) + " " +
-               std::to_string(W::get_profiler_iteration(1)) + "[" + W::export_rawdata_to_file(1) +
-               "]";
-    });
-    EXPECT_EQ("11 0x0 50000 0[]", absent);
-
-    const std::string from_properties = zel_test::RunInChild([] {
-        android::base::SetProperty("vendor.property.for.talorn.nn.profile.mode", "0x13");
-        android::base::SetProperty("vendor.property.for.talorn.nn.profile.max_iter", "100");
-        zel_test::LogCapture log;
-        W::initialize(0, 0);
-        return Hex(W::mode_) + " " + std::to_string(W::maxIter_) + " " +
-               std::to_string(log.contains(Line("* Profiler mode value updated. (0x13)\n"))) +
-               std::to_string(log.contains(Line("* Profiler max_iter value updated. (100)\n")));
-    });
-    EXPECT_EQ("0x13 100 11", from_properties);
-
-    // Zero in a property is ignored silently; arguments win over properties.
-    const std::string zero_and_arguments = zel_test::RunInChild([] {
-        android::base::SetProperty("vendor.property.for.talorn.nn.profile.mode", "0");
-        android::base::SetProperty("vendor.property.for.talorn.nn.profile.max_iter", "7");
-        zel::debug::DbgPrintManager::GetInstance()->set_mask(0x7);
-        zel_test::LogCapture log;
-        W::initialize(0, 0);
-        const std::string first = Hex(W::mode_) + " " + std::to_string(log.messages().size());
-        W::initialize(0x1, 30);
-        return first + " " + Hex(W::mode_) + " " + std::to_string(W::maxIter_);
-    });
-    EXPECT_EQ("0x0 1 0x1 30", zero_and_arguments);
-}
-
-TEST(ProfilerWrapperTest, ProfilingOffDoesNothing) {
+// One process walks initialize's sources: absent properties leave the defaults (each absence
+// logged once); with PROFILE_ON clear no other bit turns profiling on; properties fill in where
+// the arguments are zero, a zero property is ignored silently, and arguments win.
+TEST(ProfilerWrapperTest, InitializeSourcesAndProfilingOff) {
     const std::string result = zel_test::RunInChild([] {
-        W::initialize(0x1e, 0);  // every bit but PROFILE_ON
+        const std::string mode = "vendor.property.for.talorn.nn.profile.mode";
+        const std::string max_iter = "vendor.property.for.talorn.nn.profile.max_iter";
+        zel::debug::DbgPrintManager::GetInstance()->set_mask(0x7);
+        zel_test::LogCapture log;
+        W::initialize(0, 0);
+        std::string text =
+                std::to_string(log.count(Line("* No value for (" + mode + "). Skip.\n"))) +
+                std::to_string(log.count(Line("* No value for (" + max_iter + "). Skip.\n"))) +
+                " " + Hex(W::mode_) + " " + std::to_string(W::maxIter_) + " ";
+
+        W::initialize(0x1e, 0);
         W::create_profiler(1);
         W::create_profiler_client(2);
         W::profile_from(1, SERVICE, 0, 0);
         DeviceProfileInfo info{};
         W::create_device_profiler(1, 1, info);
-        std::string text = std::to_string(W::profilerMap_.size()) +
-                           std::to_string(W::deviceProfilerMap_.size()) +
-                           std::to_string(info.enable) +
-                           std::to_string(W::get_profiler_iteration(1)) +
-                           std::to_string(W::get_client_profiler_mem(2) == nullptr) +
-                           std::to_string(W::merge_rawdata_mem_to_profiler(1, nullptr, 0, 0, 0));
-        return text + "[" + W::export_rawdata_to_file(1) + "]";
+        // Both maps empty, info untouched, 0 iterations, no buffer, merge 0, no file.
+        text += std::to_string(W::profilerMap_.size()) +
+                std::to_string(W::deviceProfilerMap_.size()) + std::to_string(info.enable) +
+                std::to_string(W::get_profiler_iteration(1)) +
+                std::to_string(W::get_client_profiler_mem(2) == nullptr) +
+                std::to_string(W::merge_rawdata_mem_to_profiler(1, nullptr, 0, 0, 0)) + "[" +
+                W::export_rawdata_to_file(1) + "] ";
+
+        android::base::SetProperty(mode, "0x13");
+        android::base::SetProperty(max_iter, "100");
+        log.clear();
+        W::initialize(0, 0);
+        text += Hex(W::mode_) + " " + std::to_string(W::maxIter_) + " " +
+                std::to_string(log.contains(Line("* Profiler mode value updated. (0x13)\n"))) +
+                std::to_string(log.contains(Line("* Profiler max_iter value updated. (100)\n")));
+
+        android::base::SetProperty(mode, "0");
+        android::base::SetProperty(max_iter, "7");
+        log.clear();
+        W::initialize(0, 0);
+        text += " " + Hex(W::mode_) + " " + std::to_string(log.messages().size());
+        W::initialize(0x1, 30);
+        return text + " " + Hex(W::mode_) + " " + std::to_string(W::maxIter_);
     });
-    // Both maps empty, info untouched, 0 iterations, no buffer, merge 0, no file.
-    EXPECT_EQ("000010[]", result);
+    EXPECT_EQ("11 0x0 50000 000010[] 0x13 100 11 0x13 1 0x1 30", result);
 }
 
 TEST(ProfilerWrapperTest, RegistryAndRecording) {
@@ -194,31 +181,27 @@ TEST(ProfilerWrapperTest, SeveralThreadsRecordAtOnce) {
         }
         for (std::thread& thread : threads)
             thread.join();
-        const std::string text = std::to_string(W::profilerMap_.at(1)->queue.size()) + " " +
-                                 std::to_string(W::profilerMap_.at(2)->queue.size());
-        return text;  // interleaved records form no profile: left unfinalized
+        // Interleaved records form no profile: left unfinalized.
+        return std::to_string(W::profilerMap_.at(1)->queue.size()) + " " +
+               std::to_string(W::profilerMap_.at(2)->queue.size());
     });
     EXPECT_EQ("2000 2000", result);
 }
 
-TEST(ProfilerWrapperTest, HandOverRespectsTheSkipBits) {
-    const std::string result = zel_test::RunInChild([] {
-        W::initialize(PROFILE_ON | PROFILE_SKIP_SERVICE, 0);
-        W::create_profiler_client(1);
-        W::profile_from(1, API, 0, 0);
-        W::profile_until(1, API, 0, 0);
-        // Nobody would take the client's data.
-        std::string text = std::to_string(W::get_client_profiler_mem(1) == nullptr);
-        W::remove_profiler(1);
-        return text;
-    });
-    EXPECT_EQ("1", result);
+TEST(ProfilerWrapperTest, HandOverRespectsTheSkipBitsAndExportsRawData) {
+    // With the service skipped nobody would take the client's data.
+    EXPECT_EQ("1", zel_test::RunInChild([] {
+                  W::initialize(PROFILE_ON | PROFILE_SKIP_SERVICE, 0);
+                  W::create_profiler_client(1);
+                  W::profile_from(1, API, 0, 0);
+                  W::profile_until(1, API, 0, 0);
+                  return std::to_string(W::get_client_profiler_mem(1) == nullptr);
+              }));
 
     // Export writes the finalized raw data where a device keeps it.
     const std::string exported = zel_test::RunInChild([] {
-        mkdir("/data", 0755);
-        mkdir("/data/vendor", 0755);
-        mkdir("/data/vendor/zel", 0755);
+        for (const char* dir : {"/data", "/data/vendor", "/data/vendor/zel"})
+            mkdir(dir, 0755);
         if (access("/data/vendor/zel/", W_OK) != 0) return std::string("skip");
         W::initialize(PROFILE_ON, 0);
         W::create_profiler_client(12);
@@ -228,7 +211,6 @@ TEST(ProfilerWrapperTest, HandOverRespectsTheSkipBits) {
         struct stat st;
         const bool written = stat(path.c_str(), &st) == 0 && st.st_size == 80;
         unlink(path.c_str());
-        W::remove_profiler(12);
         return path + (written ? " 80" : " missing");
     });
     if (exported == "skip") GTEST_SKIP() << "/data/vendor/zel/ is not writable here";
