@@ -12,7 +12,6 @@ using namespace profiler_test;
 using zel_test::Line;
 
 namespace {
-
 // Parent iterations TOTAL/7 { SERVICE/0 } opening at 1000 * (i + 1).
 std::unique_ptr<ZelProfiler> Parent(uint64_t iterations) {
     std::vector<ZelProfileData> records;
@@ -25,48 +24,18 @@ std::unique_ptr<ZelProfiler> Parent(uint64_t iterations) {
     p->set_leaf_docking_point({SERVICE, 0});
     return p;
 }
-
-// Child iterations CPU_UD/3 from 5 to 25, relative to the docking stage's start.
-std::unique_ptr<ZelProfiler> RelativeChild(uint64_t iterations) {
-    std::vector<ZelProfileData> records;
-    for (uint64_t i = 0; i < iterations; ++i) {
-        records.insert(records.end(), {Start(CPU_UD, 3, 5, i), End(CPU_UD, 3, 25, i)});
-    }
-    auto c = FromRecords(records, iterations, 2);
-    c->relative_timestamp = true;
-    return c;
-}
-
 }  // namespace
 
 TEST_F(ProfilerTest, MergeSplicesTheChildUnderTheDockingStage) {
-    auto parent = Parent(2);
-    ASSERT_EQ(parent->finalize(), 0);
-    auto child = RelativeChild(2);
-    ASSERT_EQ(parent->merge(child.get()), 0);
-    EXPECT_FALSE(parent->finalized);
-    EXPECT_EQ(parent->num_label, 6u);
-    EXPECT_EQ(parent->rawdata_size, 2u * 6 * 40);
-    const ZelProfileData* r = parent->rawdata + 6;  // iteration 1
-    const int64_t labels[] = {TOTAL, SERVICE, CPU_UD, CPU_UD, SERVICE, TOTAL};
-    for (int k = 0; k < 6; ++k)
-        EXPECT_EQ(r[k].label, labels[k]) << k;
-    EXPECT_EQ(r[2].timestamp, 2005u);
-    EXPECT_EQ(r[3].timestamp, 2025u);
-    EXPECT_EQ(child->rawdata[0].timestamp, 5u);  // the child is read, not changed
-    EXPECT_TRUE(log.contains(Line("* Found Parent leaf idx(1) label(SERVICE:0x0)\n")));
-
-    ASSERT_EQ(parent->finalize(), 0);
-    const auto& service = parent->root->children[0]->children[0];
-    ASSERT_EQ(service->children.size(), 1u);
-    EXPECT_EQ(service->self_time[1], 80u);  // 100 less the child's 20
-}
-
-TEST_F(ProfilerTest, MergeFailuresAndMismatchedIterations) {
     auto parent = Parent(4);
+    ASSERT_EQ(parent->finalize(), 0);
     ZelProfileData* const before = parent->rawdata;
+    std::vector<ZelProfileData> cpu;  // CPU_UD/3 from 5 to 25 after the docking stage's start
+    for (uint64_t i = 0; i < 3; ++i)
+        cpu.insert(cpu.end(), {Start(CPU_UD, 3, 5, i), End(CPU_UD, 3, 25, i)});
+    auto child = FromRecords(cpu, 3, 2);
+    child->relative_timestamp = true;
     parent->set_leaf_docking_point({DSP_OP, 9});
-    auto child = RelativeChild(3);
     EXPECT_EQ(parent->merge(child.get()), 1);
     EXPECT_TRUE(log.contains(Line("* Fail to find parent's leaf(DSP_OP:0x9)\n")));
     EXPECT_EQ(parent->rawdata, before);
@@ -74,18 +43,31 @@ TEST_F(ProfilerTest, MergeFailuresAndMismatchedIterations) {
 
     // Three child iterations into four: reported, and the fourth gets the child's stages with
     // no duration at the docking stage's start.
-    log.clear();
     parent->set_leaf_docking_point({SERVICE, 0});
     ASSERT_EQ(parent->merge(child.get()), 0);
+    EXPECT_FALSE(parent->finalized);
+    EXPECT_TRUE(log.contains(Line("* Found Parent leaf idx(1) label(SERVICE:0x0)\n")));
     EXPECT_TRUE(log.contains(Line("* Wrong merge usage. iter diff. (3) vs (4)\n")));
     EXPECT_EQ(parent->num_iter, 4u);
-    EXPECT_EQ(parent->rawdata[6 * 2 + 2].timestamp, 3005u);
-    EXPECT_EQ(parent->rawdata[6 * 3 + 2].timestamp, 4000u);
-    EXPECT_EQ(parent->rawdata[6 * 3 + 3].iterKey, 3u);
+    EXPECT_EQ(parent->num_label, 6u);
+    EXPECT_EQ(parent->rawdata_size, 4u * 6 * 40);
+    const ZelProfileData* r = parent->rawdata + 6;  // iteration 1
+    const int64_t labels[] = {TOTAL, SERVICE, CPU_UD, CPU_UD, SERVICE, TOTAL};
+    for (int k = 0; k < 6; ++k)
+        EXPECT_EQ(r[k].label, labels[k]) << k;
+    EXPECT_EQ(r[2].timestamp, 2005u);
+    EXPECT_EQ(r[3].timestamp, 2025u);
+    EXPECT_EQ(r[6 + 2].timestamp, 3005u);
+    EXPECT_EQ(r[12 + 2].timestamp, 4000u);
+    EXPECT_EQ(r[12 + 3].iterKey, 3u);
+    EXPECT_EQ(child->rawdata[0].timestamp, 5u);  // the child is read, not changed
+
     ASSERT_EQ(parent->finalize(), 0);
-    const auto& cpu = parent->root->children[0]->children[0]->children[0];
-    EXPECT_EQ(cpu->duration[2], 20u);
-    EXPECT_EQ(cpu->duration[3], 0u);
+    const auto& service = parent->root->children[0]->children[0];
+    ASSERT_EQ(service->children.size(), 1u);
+    EXPECT_EQ(service->self_time[1], 80u);  // 100 less the child's 20
+    EXPECT_EQ(service->children[0]->duration[2], 20u);
+    EXPECT_EQ(service->children[0]->duration[3], 0u);
 }
 
 TEST_F(ProfilerTest, RawDataThatContradictsItsCountsFailsCleanly) {
@@ -114,16 +96,12 @@ std::atomic<size_t> g_lines{0};
 void CountingLogger(const struct __android_log_message*) {
     ++g_lines;
 }
-void RestoreLogger() {
-    __android_log_set_logger(__android_log_logd_logger);
-}
+const auto kDefaultLogger = __android_log_logd_logger;
 #else
 void CountingLogger(const struct __android_logger_data*, const char*) {
     ++g_lines;
 }
-void RestoreLogger() {
-    __android_log_set_logger(__android_log_stderr_logger);
-}
+const auto kDefaultLogger = __android_log_stderr_logger;
 #endif
 }  // namespace
 
@@ -159,8 +137,8 @@ TEST(ProfilerDeepNesting, FinalizeReportAndReleaseWithoutExhaustingTheStack) {
     __android_log_set_logger(CountingLogger);
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     p->show_output(true);
-    RestoreLogger();
+    __android_log_set_logger(kDefaultLogger);
     // Both reports print every stage; the count is what was walked, not what fit a stack.
     EXPECT_GT(g_lines.load(), 2 * kDepth);
-    p.reset();
+    p.reset();  // releasing the tree walks it too
 }

@@ -9,22 +9,6 @@ using zel_test::Line;
 
 namespace {
 
-// Ten iterations of TOTAL/7 { NPU_OP/0x1f } where TOTAL/7 lasts kTotals[i] and NPU_OP 20 less.
-// Ascending, the totals stand at iterations 3 1 7 5 9 0 8 4 6 2.
-const uint64_t kTotals[] = {150, 110, 190, 100, 170, 130, 180, 120, 160, 140};
-
-std::unique_ptr<ZelProfiler> TenIterations() {
-    std::vector<ZelProfileData> records;
-    for (uint64_t i = 0; i < 10; ++i) {
-        const uint64_t t = 1000 * i;
-        records.push_back(Start(TOTAL, 7, t, i));
-        records.push_back(Start(NPU_OP, 0x1f, t + 10, i));
-        records.push_back(End(NPU_OP, 0x1f, t + kTotals[i] - 10, i));
-        records.push_back(End(TOTAL, 7, t + kTotals[i], i));
-    }
-    return FromRecords(records, 10, 4);
-}
-
 std::string Cells(const std::vector<std::string>& cells) {
     std::string line;
     for (const auto& cell : cells)
@@ -32,21 +16,20 @@ std::string Cells(const std::vector<std::string>& cells) {
     return line;
 }
 
-const std::string kTableBanner =
-        "* ===========================================  Result: modelId(0x0000000000000042)  "
-        "unit(us) iter(      10)  ==============================================\n";
-const std::string kTableRule = "* " + std::string(157, '=') + "\n";
-const std::string kSummaryBanner =
-        "* ============  Result: modelId(0x0000000000000042)  unit(us) iter(      10)  "
-        "=============\n";
-const std::string kSummaryHeading =
-        "*              <avg>              <median>               <90%>   <label>\n";
-const std::string kSummaryRule = "* " + std::string(89, '=') + "\n";
-
 }  // namespace
 
 TEST_F(ProfilerTest, ReportsOfTenIterationsLineForLine) {
-    auto p = TenIterations();
+    // TOTAL/7 { NPU_OP/0x1f } where TOTAL/7 lasts totals[i] and NPU_OP 20 less. Ascending, the
+    // totals stand at iterations 3 1 7 5 9 0 8 4 6 2.
+    const uint64_t totals[] = {150, 110, 190, 100, 170, 130, 180, 120, 160, 140};
+    std::vector<ZelProfileData> records;
+    for (uint64_t i = 0; i < 10; ++i) {
+        const uint64_t t = 1000 * i;
+        records.insert(records.end(),
+                       {Start(TOTAL, 7, t, i), Start(NPU_OP, 0x1f, t + 10, i),
+                        End(NPU_OP, 0x1f, t + totals[i] - 10, i), End(TOTAL, 7, t + totals[i], i)});
+    }
+    auto p = FromRecords(records, 10, 4);
     ASSERT_EQ(p->finalize(), 0);
     log.clear();
     p->show_output(false);
@@ -59,28 +42,38 @@ TEST_F(ProfilerTest, ReportsOfTenIterationsLineForLine) {
     // iteration 0 and the 90% (rank 9) iteration 2, for every stage alike.
     const std::string heading = "* " + Cells({" [6th]", " [7th]", " [8th]", " [9th]"}) + "\n";
     const std::string stage = Cells({"140", "150", "160", "170"});
+    const std::string table_banner =
+            "* ===========================================  Result: modelId(0x0000000000000042)  "
+            "unit(us) iter(      10)  ==============================================\n";
+    const std::string summary_banner =
+            "* ============  Result: modelId(0x0000000000000042)  unit(us) iter(      10)  "
+            "=============\n";
+    const std::string summary_heading =
+            "*              <avg>              <median>               <90%>   <label>\n";
+    const std::string table_rule = "* " + std::string(157, '=') + "\n";
+    const std::string summary_rule = "* " + std::string(89, '=') + "\n";
     const std::vector<std::string> expected = {
             Line("  Profiler: end iter is invalid(12) so it has been changed to 9. (0.900, 3)\n"),
             Line("* print result of iter(6~9)\n"),
-            Line(kTableBanner),
+            Line(table_banner),
             Line(heading),
             Line("*  " + Cells({"160", "170", "180", "190"}) + " TOTAL\n"),
-            Line(kTableBanner),
+            Line(table_banner),
             Line(heading),
             Line("*  " + stage + " _TOTAL_0x7\n"),
             Line("*  " + stage + " __NPU_OP_0x1f\n"),
-            Line(kTableRule),
-            Line(kTableRule),
-            Line(kSummaryBanner),
-            Line(kSummaryHeading),
+            Line(table_rule),
+            Line(table_rule),
+            Line(summary_banner),
+            Line(summary_heading),
             Line("*              145.0                   150                 190    TOTAL\n"),
-            Line(kSummaryBanner),
-            Line(kSummaryHeading),
+            Line(summary_banner),
+            Line(summary_heading),
             Line("*              125.0                   130                 170    _TOTAL_0x7\n"),
             Line("*              125.0                   130                 170    "
                  "__NPU_OP_0x1f\n"),
-            Line(kSummaryRule),
-            Line(kSummaryRule),
+            Line(summary_rule),
+            Line(summary_rule),
     };
     EXPECT_EQ(log.messages(), expected);
 }
@@ -127,22 +120,17 @@ TEST_F(ProfilerTest, ReportEdgeCases) {
 
 TEST_F(ProfilerTest, FiftyThousandIterationsOfTwelveStagesFinalizeAndReport) {
     ZelProfiler p(0x77, 50000, "service", true);
-    const ProfileLabel stages[] = {API, CLIENT, SERVICE, ENGINE, DD,     DD_ROOT,
-                                   FW,  HW,     NPU_UD,  NPU_OP, CPU_UD, GPU_KERNEL};
     for (uint64_t i = 0; i < 50000; ++i) {
         p.add_record_start(TOTAL, 7, i);
-        for (ProfileLabel label : stages) {  // eleven stages in a row inside TOTAL/7
-            if (label == API) continue;
+        for (ProfileLabel label : {CLIENT, SERVICE, ENGINE, DD, DD_ROOT, FW, HW, NPU_UD, NPU_OP,
+                                   CPU_UD, GPU_KERNEL}) {  // eleven in a row inside TOTAL/7
             p.add_record_start(label, 0, i);
             p.add_record_end(label, 0, i);
         }
         p.add_record_end(TOTAL, 7, i);
     }
     ASSERT_EQ(p.finalize(), 0);
-    EXPECT_EQ(p.num_iter, 50000u);
-    EXPECT_EQ(p.num_label, 24u);
-    ASSERT_EQ(p.root->children.size(), 1u);
-    EXPECT_EQ(p.root->children[0]->children.size(), 11u);
+    ASSERT_EQ(p.root->children.at(0)->children.size(), 11u);
     log.clear();
     p.show_output(true);
     EXPECT_TRUE(log.contains(Line("* print result of iter(44997~45003)\n")));

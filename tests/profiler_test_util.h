@@ -1,5 +1,4 @@
-// Shared pieces of the profiler core tests: raw data with known timestamps, and a fixture that
-// captures the log at the default print mask.
+// Profiler core tests: raw data with known timestamps, and a fixture capturing the log.
 #pragma once
 
 #include <gtest/gtest.h>

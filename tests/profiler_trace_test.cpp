@@ -5,19 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
 
 #include "profiler_test_util.h"
-#include "util/zel_utils_profiler_device.h"
 #include "util/zel_utils_profiler_trace.h"
 
 using namespace zel::util;
@@ -51,18 +46,15 @@ std::string ReadAll(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-uint64_t Ts(const json& e) {
-    return e.at("ts");
-}
 uint64_t EndOf(const json& e) {
-    return Ts(e) + e.at("dur").get<uint64_t>();
+    return e.at("ts").get<uint64_t>() + e.at("dur").get<uint64_t>();
 }
 
 // Events of one track must nest or follow each other: a viewer cannot show them otherwise.
 void ExpectTracksNest(const Trace& trace) {
     std::map<int64_t, std::vector<std::pair<uint64_t, uint64_t>>> by_track;  // (ts, end)
     for (const auto& [key, e] : trace.events)
-        by_track[e["tid"]].push_back({Ts(e), EndOf(e)});
+        by_track[e["tid"]].push_back({e["ts"], EndOf(e)});
     for (auto& [tid, spans] : by_track) {
         std::sort(spans.begin(), spans.end(), [](const auto& a, const auto& b) {
             return a.first != b.first ? a.first < b.first : a.second > b.second;
@@ -77,8 +69,8 @@ void ExpectTracksNest(const Trace& trace) {
     }
 }
 
-// Every node has its event in every iteration, with the node's times, inside its parent's event;
-// and every track nests.
+// Every node has its event in every iteration, named as the reports name it, with the node's
+// times and inside its parent's event; and every track nests.
 void ExpectNestsLikeTree(const ZelProfiler& p, const Trace& trace) {
     size_t nodes = 0;
     std::function<void(const ProfileNode&, const json*, uint64_t)> walk =
@@ -91,9 +83,10 @@ void ExpectNestsLikeTree(const ZelProfiler& p, const Trace& trace) {
                     auto found = trace.events.find({name, i});
                     ASSERT_NE(found, trace.events.end()) << name << " iteration " << i;
                     const json& e = found->second;
-                    EXPECT_EQ(Ts(e), child->start_time[i]) << name;
+                    EXPECT_EQ(e["ts"], child->start_time[i]) << name;
                     EXPECT_EQ(EndOf(e), child->end_time[i]) << name;
-                    if (parent) EXPECT_TRUE(Ts(*parent) <= Ts(e) && EndOf(e) <= EndOf(*parent));
+                    if (parent)
+                        EXPECT_TRUE(e["ts"] >= (*parent)["ts"] && EndOf(e) <= EndOf(*parent));
                     nodes += i == 0;
                     walk(*child, &e, i);
                 }
@@ -120,24 +113,10 @@ std::unique_ptr<ZelProfiler> Plain(uint64_t iterations, const std::vector<uint64
     return p;
 }
 
-// A device profile of operation `op`: DD_ROOT { FW { HW } } with the given durations.
-std::unique_ptr<ZelDeviceProfiler> Device(uint64_t op, uint64_t iterations) {
-    auto device = std::make_unique<ZelDeviceProfiler>(op, iterations, false);
-    auto* va = static_cast<uint8_t*>(device->device_memory->va);
-    for (uint64_t k = 0; k < iterations; ++k) {
-        const DeviceProfilerData dd{DD_ROOT, 0, 50}, fw{FW, 0, 30}, hw{HW, 0, 20};
-        memcpy(va + 8 + k * 8, &dd, 8);
-        memcpy(va + 8 + device->split_offset_ + k * 16, &fw, 8);
-        memcpy(va + 8 + device->split_offset_ + k * 16 + 8, &hw, 8);
-    }
-    memcpy(va, &iterations, 8);
-    EXPECT_EQ(device->preprocess_device_data_to_rawdata(), 0);
-    EXPECT_EQ(device->finalize(), 0);
-    return device;
-}
-
-TEST_F(ProfilerTest, TraceOfAPlainProfileNestsLikeItsTree) {
-    auto p = Plain(2, {1000, 2000});
+TEST_F(ProfilerTest, TraceOfAPlainProfileNestsLikeItsTreeAndBoundsItsEvents) {
+    // Iteration 1 lies inside iteration 0's span, so it moves to further tracks; iteration 2
+    // follows both.
+    auto p = Plain(3, {1000, 1020, 3000});
     const Trace trace = Parse(export_trace_json(*p));
     ExpectNestsLikeTree(*p, trace);
     const json& npu = trace.events.at({"NPU_UD_0x1f", 1});
@@ -145,30 +124,44 @@ TEST_F(ProfilerTest, TraceOfAPlainProfileNestsLikeItsTree) {
     EXPECT_EQ(npu["args"], json::parse(R"({"iterKey":"0x101","iteration":1,"label":13,
                                           "postfix":"0x1f"})"));
     EXPECT_EQ(trace.events.at({"TOTAL_0x7", 0})["tid"], 1);  // a measured TOTAL: request track
-    EXPECT_EQ(trace.events.at({"CPU_UD", 0})["tid"], 3);
-    EXPECT_EQ(trace.tracks, (std::map<int64_t, std::string>{{1, "request"}, {3, "service"}}));
+    EXPECT_EQ(trace.events.at({"CPU_UD", 1})["tid"], 8 + 3);
+    EXPECT_EQ(trace.events.at({"CPU_UD", 2})["tid"], 3);
+    EXPECT_EQ(trace.tracks, (std::map<int64_t, std::string>{{1, "request"},
+                                                            {3, "service"},
+                                                            {9, "request (overlap 1)"},
+                                                            {11, "service (overlap 1)"}}));
+
+    // Four stages a iteration: 9 events take two whole iterations, and say so.
+    const json doc = json::parse(export_trace_json(*p, 9));
+    EXPECT_EQ(doc["otherData"]["exported_iterations"], "2");
+    EXPECT_EQ(Parse(doc.dump()).events.size(), 8u);
+    EXPECT_TRUE(log.contains(Line("* Trace holds 2 of 3 iterations: limit of 9 events\n")));
 }
 
 TEST_F(ProfilerTest, TraceOfMergedProfilesKeepsEachSideOnItsTrack) {
-    // Client API { CLIENT }, the service docked under CLIENT, the device under DD/0x3.
-    std::vector<ZelProfileData> client, service;
+    // Client API { CLIENT }, the service docked under CLIENT, and a device profile (times
+    // from its docking stage's start) under DD/0x3.
+    std::vector<ZelProfileData> client, service, device;
     for (uint64_t i = 0; i < 3; ++i) {
         const uint64_t t = 10000 * (i + 1);
         client.insert(client.end(), {Start(API, 0, t, i), Start(CLIENT, 0, t + 5, i),
                                      End(CLIENT, 0, t + 900, i), End(API, 0, t + 950, i)});
         service.insert(service.end(), {Start(SERVICE, 0, t + 10, i), Start(DD, 3, t + 100, i),
                                        End(DD, 3, t + 200, i), End(SERVICE, 0, t + 800, i)});
+        device.insert(device.end(),
+                      {Start(DD_ROOT, 3, 0, i), Start(FW, 3, 0, i), Start(HW, 3, 0, i),
+                       End(HW, 3, 20, i), End(FW, 3, 30, i), End(DD_ROOT, 3, 50, i)});
     }
     auto merged = FromRecords(client, 3, 4, 9);
     auto serv = FromRecords(service, 3, 4, 9);
+    auto dev = FromRecords(device, 3, 6, 3);
+    dev->relative_timestamp = true;
     ASSERT_EQ(serv->finalize(), 0);
+    ASSERT_EQ(dev->finalize(), 0);
     merged->set_leaf_docking_point({CLIENT, 0});
-    ASSERT_EQ(merged->finalize(), 0);
     ASSERT_EQ(merged->merge(serv.get()), 0);
-    ASSERT_EQ(merged->finalize(), 0);
-    auto device = Device(3, 3);
     merged->set_leaf_docking_point({DD, 3});
-    ASSERT_EQ(merged->merge(device.get()), 0);
+    ASSERT_EQ(merged->merge(dev.get()), 0);
     ASSERT_EQ(merged->finalize(), 0);
 
     const Trace trace = Parse(export_trace_json(*merged));
@@ -180,26 +173,10 @@ TEST_F(ProfilerTest, TraceOfMergedProfilesKeepsEachSideOnItsTrack) {
     EXPECT_EQ(hw["tid"], 4);
 
     // The device profile on its own: each iteration from 0, on the device track.
-    const Trace alone = Parse(export_trace_json(*device));
-    ExpectNestsLikeTree(*device, alone);
+    const Trace alone = Parse(export_trace_json(*dev));
+    ExpectNestsLikeTree(*dev, alone);
     EXPECT_EQ(alone.events.at({"FW_0x3", 1})["ts"], 0u);
     EXPECT_EQ(alone.events.at({"DD_ROOT_0x3", 1})["pid"], 3);
-}
-
-TEST_F(ProfilerTest, TraceMovesOverlappingIterationsToFurtherTracksAndBoundsItsEvents) {
-    // Iteration 1 lies inside iteration 0's span and iteration 2 after both.
-    auto p = Plain(3, {1000, 1020, 3000});
-    const Trace trace = Parse(export_trace_json(*p));
-    ExpectNestsLikeTree(*p, trace);
-    EXPECT_EQ(trace.events.at({"CPU_UD", 1})["tid"], 8 + 3);
-    EXPECT_EQ(trace.events.at({"CPU_UD", 2})["tid"], 3);
-    EXPECT_EQ(trace.tracks.at(11), "service (overlap 1)");
-
-    // Four stages a iteration: 9 events take two whole iterations, and say so.
-    const json doc = json::parse(export_trace_json(*p, 9));
-    EXPECT_EQ(doc["otherData"]["exported_iterations"], "2");
-    EXPECT_EQ(Parse(doc.dump()).events.size(), 8u);
-    EXPECT_TRUE(log.contains(Line("* Trace holds 2 of 3 iterations: limit of 9 events\n")));
 }
 
 TEST_F(ProfilerTest, TraceEscapesNamesAndShowsLabelsWithoutASide) {
