@@ -67,19 +67,24 @@ void BM_ImportFileToMem(benchmark::State& state) {
 }
 BENCHMARK(BM_ImportFileToMem)->UseRealTime()->Unit(benchmark::kMillisecond);
 
+// The plain way: one descriptor, read() until the whole file is in.
+bool ReadLoop(const std::string& path, char* out) {
+    const int fd = open(path.c_str(), O_RDONLY);
+    uint32_t done = 0;
+    while (done < kFileSize) {
+        const ssize_t n = read(fd, out + done, kFileSize - done);
+        if (n <= 0) break;
+        done += n;
+    }
+    close(fd);
+    return done == kFileSize;
+}
+
 void BM_SingleReadLoop(benchmark::State& state) {
     const std::string& path = CachedFile::path();
     for (auto _ : state) {
         std::unique_ptr<char[]> image(new char[kFileSize + 1]);
-        const int fd = open(path.c_str(), O_RDONLY);
-        uint32_t done = 0;
-        while (done < kFileSize) {
-            const ssize_t n = read(fd, image.get() + done, kFileSize - done);
-            if (n <= 0) break;
-            done += n;
-        }
-        close(fd);
-        if (done != kFileSize) state.SkipWithError("read failed");
+        if (!ReadLoop(path, image.get())) state.SkipWithError("read failed");
         benchmark::DoNotOptimize(image.get());
     }
     state.SetBytesProcessed(state.iterations() * int64_t{kFileSize});
@@ -127,15 +132,7 @@ void BM_SingleReadLoopIntoReusedBlock(benchmark::State& state) {
     std::unique_ptr<char[]> block(new char[kFileSize + 1]);
     memset(block.get(), 0, kFileSize);
     for (auto _ : state) {
-        const int fd = open(path.c_str(), O_RDONLY);
-        uint32_t done = 0;
-        while (done < kFileSize) {
-            const ssize_t n = read(fd, block.get() + done, kFileSize - done);
-            if (n <= 0) break;
-            done += n;
-        }
-        close(fd);
-        if (done != kFileSize) state.SkipWithError("read failed");
+        if (!ReadLoop(path, block.get())) state.SkipWithError("read failed");
         benchmark::DoNotOptimize(block.get());
     }
     state.SetBytesProcessed(state.iterations() * int64_t{kFileSize});
