@@ -12,11 +12,12 @@ install(TARGETS zel_common_utils zel_platform
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-# Headers keep their paths below the include root, as the sources include them.
+# Headers keep their paths below the include root, as the sources include them. The profiler's
+# implementation folder holds only its private header.
 install(FILES zel_common_utils.h DESTINATION ${ZEL_INSTALL_INCLUDEDIR})
 foreach(dir debug util src/common/zel_memory)
     install(DIRECTORY ${dir}/ DESTINATION ${ZEL_INSTALL_INCLUDEDIR}/${dir}
-        FILES_MATCHING PATTERN "*.h")
+        FILES_MATCHING PATTERN "*.h" PATTERN "profiler" EXCLUDE)
 endforeach()
 if(ZEL_HOST_PLATFORM)
     install(DIRECTORY platform/include/ DESTINATION ${ZEL_INSTALL_INCLUDEDIR}/platform

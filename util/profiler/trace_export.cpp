@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "util/zel_profiler_internal.h"
+#include "util/profiler/internal.h"
 
 namespace zel {
 namespace util {

@@ -8,7 +8,7 @@
 #include <climits>
 #include <vector>
 
-#include "util/zel_profiler_internal.h"
+#include "util/profiler/internal.h"
 #include "util/zel_utils_profiler.h"
 
 namespace zel {

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "util/zel_profiler_internal.h"
+#include "util/profiler/internal.h"
 #include "util/zel_utils.h"
 #include "util/zel_utils_profiler.h"
 

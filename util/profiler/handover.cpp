@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "util/zel_profiler_internal.h"
+#include "util/profiler/internal.h"
 #include "util/zel_utils_profiler_wrapper.h"
 
 namespace zel {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "util/zel_profiler_internal.h"
+#include "util/profiler/internal.h"
 #include "util/zel_utils_profiler.h"
 
 namespace zel {

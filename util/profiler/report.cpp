@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "util/zel_profiler_internal.h"
+#include "util/profiler/internal.h"
 #include "util/zel_utils_algo.h"
 #include "util/zel_utils_profiler.h"
 
