@@ -4,17 +4,11 @@
 #include <stdexcept>
 
 #include "src/common/zel_memory/memory_manager.h"
+#include "util/profiler/internal.h"
 #include "util/zel_utils_profiler_client.h"
 
 namespace zel {
 namespace util {
-
-using zel::debug::PRINT_ALWAYS;
-using zel::debug::PRINT_IF_ON;
-using zel::debug::ZONE_ERR;
-using zel::debug::ZONE_INF;
-using zel::debug::ZONE_WAR;
-using zel::memory::Buffer;
 
 ZelClientProfiler::ZelClientProfiler(ProfilerKeyType key, uint64_t maxIter, bool fastTrack)
     : ZelProfiler(key, maxIter, "Client", fastTrack), profile_memory(nullptr) {}

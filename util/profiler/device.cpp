@@ -6,16 +6,11 @@
 #include <stdexcept>
 
 #include "src/common/zel_memory/memory_manager.h"
+#include "util/profiler/internal.h"
 #include "util/zel_utils_profiler_device.h"
 
 namespace zel {
 namespace util {
-
-using zel::debug::PRINT_ALWAYS;
-using zel::debug::PRINT_TRACE;
-using zel::debug::ZONE_DBG;
-using zel::debug::ZONE_ERR;
-using zel::debug::ZONE_INF;
 
 std::vector<ProfileLabel> ZelDeviceProfiler::overview_labels_dd_ = {DD_ROOT};
 std::vector<ProfileLabel> ZelDeviceProfiler::detail_labels_dd_ = {DD_ROOT, DD_QUEUE, DD_SESSION,

@@ -11,14 +11,6 @@
 namespace zel {
 namespace util {
 
-using zel::debug::PRINT_ALWAYS;
-using zel::debug::PRINT_IF_ON;
-using zel::debug::PRINT_TRACE;
-using zel::debug::ZONE_DBG;
-using zel::debug::ZONE_ERR;
-using zel::debug::ZONE_WAR;
-using zel::memory::Buffer;
-
 std::string ZelProfilerWrapper::export_rawdata_to_file(ProfilerKeyType key) {
     ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  key(0x%lx) mode(0x%lx)\n", key, mode_);
     if (!(mode_ & PROFILE_ON)) return "";

@@ -5,10 +5,23 @@
 #include <string>
 #include <vector>
 
+#include "debug/zel_debug.h"
+#include "src/common/zel_memory/buffer.h"
 #include "util/zel_utils_profiler.h"
 
 namespace zel {
 namespace util {
+
+// The log zones and options the profiler's sources pass to ZEL_LOG, and the buffer type they
+// hand between processes.
+using zel::debug::PRINT_ALWAYS;
+using zel::debug::PRINT_IF_ON;
+using zel::debug::PRINT_TRACE;
+using zel::debug::ZONE_DBG;
+using zel::debug::ZONE_ERR;
+using zel::debug::ZONE_INF;
+using zel::debug::ZONE_WAR;
+using zel::memory::Buffer;
 namespace profiler_internal {
 
 // Whether `iterations` x `labels` records fit in `size` bytes. Raw data from another process may
@@ -48,5 +61,9 @@ ZelReturn fill_iterations(ZelProfiler& p, const RecordNodes& nodes, uint64_t beg
 void calculate_self_time_all(ProfileNode* root, uint64_t begin, uint64_t end);
 
 }  // namespace profiler_internal
+
+using profiler_internal::counts_fit;
+using profiler_internal::depth_marker;
+using profiler_internal::label_name;
 }  // namespace util
 }  // namespace zel

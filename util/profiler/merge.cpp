@@ -11,15 +11,13 @@
 namespace zel {
 namespace util {
 
-using profiler_internal::counts_fit;
-
 namespace {
 constexpr uint64_t kRecord = sizeof(ZelProfileData);
 }  // namespace
 
 ZelReturn ZelProfiler::merge(ZelProfiler* child) {
     if (child == nullptr) {
-        ZEL_LOG(0, 0, "* Nothing to merge\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Nothing to merge\n");
         return 1;
     }
     ZelProfiler& c = *child;
@@ -28,7 +26,8 @@ ZelReturn ZelProfiler::merge(ZelProfiler* child) {
     const int32_t child_size = static_cast<int32_t>(c.rawdata_size);
     const int32_t merged_size = static_cast<int32_t>(static_cast<uint32_t>(parent_size) +
                                                      static_cast<uint32_t>(child_size));
-    ZEL_LOG(3, 2, "  parent(%d) child(%d) merged_size(%d) P(%lu, %lu) C(%lu, %lu)\n", parent_size,
+    ZEL_LOG(ZONE_DBG, PRINT_TRACE,
+            "  parent(%d) child(%d) merged_size(%d) P(%lu, %lu) C(%lu, %lu)\n", parent_size,
             child_size, merged_size, num_iter, num_label, c.num_iter, c.num_label);
 
     // Raw data handed over by another process is checked before anything reads by its counts.
@@ -41,7 +40,7 @@ ZelReturn ZelProfiler::merge(ZelProfiler* child) {
                           c.num_label <= INT_MAX &&
                           (num_iter == 0 || c.num_label == 0 || c.num_iter != 0);
     if (!parent_ok || !child_ok) {
-        ZEL_LOG(0, 0,
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
                 "* Cannot merge: raw data too small for its counts. P(%lu, %lu, %lu) C(%lu, %lu, "
                 "%lu)\n",
                 num_iter, num_label, rawdata_size, c.num_iter, c.num_label, c.rawdata_size);
@@ -52,23 +51,26 @@ ZelReturn ZelProfiler::merge(ZelProfiler* child) {
     const uint64_t merged_label = num_label + c.num_label;
     const uint64_t needed = num_iter * merged_label * kRecord;
     if (parent_size < 0 || child_size < 0 || merged_size < 0 || needed > INT32_MAX) {
-        ZEL_LOG(0, 0, "* Fail to alloc memory for rawdata. size(%d)\n", merged_size);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to alloc memory for rawdata. size(%d)\n",
+                merged_size);
         return 1;
     }
     const uint64_t alloc_size = std::max<uint64_t>(static_cast<uint64_t>(merged_size), needed);
     char* merged = static_cast<char*>(std::malloc(alloc_size != 0 ? alloc_size : 1));
     if (merged == nullptr) {
-        ZEL_LOG(0, 0, "* Fail to alloc memory for rawdata. size(%d)\n", merged_size);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to alloc memory for rawdata. size(%d)\n",
+                merged_size);
         return 1;
     }
     // Bytes that no iteration covers (an incomplete last iteration's share) are not left
     // uninitialised: they would be exported as they are.
     std::memset(merged + needed, 0, alloc_size - needed);
-    ZEL_LOG(3, 2, "  merged_mem size(%d) end_ptr(%p)\n", merged_size,
+    ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  merged_mem size(%d) end_ptr(%p)\n", merged_size,
             static_cast<void*>(merged + merged_size));
 
     if (c.num_iter != num_iter) {
-        ZEL_LOG(0, 0, "* Wrong merge usage. iter diff. (%lu) vs (%lx)\n", c.num_iter, num_iter);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Wrong merge usage. iter diff. (%lu) vs (%lx)\n",
+                c.num_iter, num_iter);
     }
 
     // The docking stage opens in iteration 0; its index serves every iteration.
@@ -84,15 +86,16 @@ ZelReturn ZelProfiler::merge(ZelProfiler* child) {
         }
     }
     if (p == bound) {
-        ZEL_LOG(0, 0, "* Fail to find parent's leaf(%s:0x%lx)\n",
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to find parent's leaf(%s:0x%lx)\n",
                 labelToString(leaf_docking_point.first), leaf_docking_point.second);
         std::free(merged);
         return 1;
     }
-    ZEL_LOG(2, 0, "* Found Parent leaf idx(%d) label(%s:0x%lx)\n", static_cast<int>(p),
-            labelToString(leaf_docking_point.first), leaf_docking_point.second);
+    ZEL_LOG(ZONE_INF, PRINT_ALWAYS, "* Found Parent leaf idx(%d) label(%s:0x%lx)\n",
+            static_cast<int>(p), labelToString(leaf_docking_point.first),
+            leaf_docking_point.second);
     if (num_iter != 0 && p >= num_label) {
-        ZEL_LOG(0, 0, "* Parent leaf idx(%d) lies outside the iterations(%lu)\n",
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Parent leaf idx(%d) lies outside the iterations(%lu)\n",
                 static_cast<int>(p), num_label);
         std::free(merged);
         return 1;
@@ -107,16 +110,17 @@ ZelReturn ZelProfiler::merge(ZelProfiler* child) {
     for (uint64_t i = 0; i < num_iter; ++i) {
         const ZelProfileData* src = rawdata + i * num_label;
 
-        ZEL_LOG(3, 2, "  num_pre_parent_label:%d\n", pre_count);
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  num_pre_parent_label:%d\n", pre_count);
         std::memcpy(merged + dst_offset, src, pre_bytes);
-        ZEL_LOG(3, 2, "  \t --PRE  : num_label_copy(%d) size(%d) dst_offset(%d) src(%p) dst(%p)\n",
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE,
+                "  \t --PRE  : num_label_copy(%d) size(%d) dst_offset(%d) src(%p) dst(%p)\n",
                 pre_count, pre_bytes, dst_offset,
                 static_cast<void*>(merged + dst_offset + pre_bytes),
                 static_cast<const void*>(src + pre_count));
         dst_offset += pre_bytes;
 
         const ZelProfileData& dock = src[p];
-        ZEL_LOG(3, 2, "  itr[%lu] parentLeaf timestamp(%lu)\n", i, dock.timestamp);
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  itr[%lu] parentLeaf timestamp(%lu)\n", i, dock.timestamp);
 
         ZelProfileData* copied = reinterpret_cast<ZelProfileData*>(merged + dst_offset);
         const ZelProfileData* child_src;
@@ -137,7 +141,7 @@ ZelReturn ZelProfiler::merge(ZelProfiler* child) {
                 copied[k].timestamp = dock.timestamp;
             }
         }
-        ZEL_LOG(3, 2,
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE,
                 "  \t --CHILD: num_label_copy(%lu) size(%d) dst_offset(%d) dst_end(%p) "
                 "src_end(%p)\n",
                 c.num_label, child_bytes, dst_offset,
@@ -146,7 +150,7 @@ ZelReturn ZelProfiler::merge(ZelProfiler* child) {
         dst_offset += child_bytes;
 
         std::memcpy(merged + dst_offset, src + p + 1, post_bytes);
-        ZEL_LOG(3, 2,
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE,
                 "  \t --POST : num_label_copy(%lu) size(%d) dst_offset(%d) dst_end(%p) "
                 "src_end(%p)\n",
                 post_count, post_bytes, dst_offset,

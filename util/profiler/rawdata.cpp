@@ -11,16 +11,13 @@
 namespace zel {
 namespace util {
 
-using profiler_internal::counts_fit;
-using profiler_internal::label_name;
-
 namespace {
 const char kRawdataDir[] = "/data/vendor/zel/";
 }  // namespace
 
 ZelReturn ZelProfiler::generate_rawdata_from_queue() {
     if (rawdata != nullptr) {
-        ZEL_LOG(0, 0, "* Wrong flow. We already have rawdata\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Wrong flow. We already have rawdata\n");
         return 1;
     }
     const uint64_t count = queue.size();
@@ -29,7 +26,7 @@ ZelReturn ZelProfiler::generate_rawdata_from_queue() {
     // "the queue has been folded".
     rawdata = static_cast<ZelProfileData*>(std::malloc(rawdata_size != 0 ? rawdata_size : 1));
     if (rawdata == nullptr) {
-        ZEL_LOG(0, 0, "* Fail to alloc memory for rawdata\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to alloc memory for rawdata\n");
         return 1;
     }
 
@@ -40,7 +37,7 @@ ZelReturn ZelProfiler::generate_rawdata_from_queue() {
         const ZelProfileData& record = queue.front();
         if (trace) {
             // The bracketed number counts 64-bit words, five per record.
-            ZEL_LOG(2, 2,
+            ZEL_LOG(ZONE_INF, PRINT_TRACE,
                     "  [%d] label(%s) labelPostfix(%lu) type(%lu) iterKey(%lu) timestamp(%lu)\n",
                     static_cast<int>(index * 5), label_name(record.label), record.labelPostfix,
                     record.type, record.iterKey, record.timestamp);
@@ -57,8 +54,9 @@ ZelReturn ZelProfiler::generate_rawdata_from_queue() {
             first = label;
         } else if (label == first) {
             num_label = i + 1;
-            ZEL_LOG(2, 2, "  Get count of profile_labels. start/end(%s) = cnt(%d)\n",
-                    label_name(label), static_cast<int>(num_label));
+            ZEL_LOG(ZONE_INF, PRINT_TRACE,
+                    "  Get count of profile_labels. start/end(%s) = cnt(%d)\n", label_name(label),
+                    static_cast<int>(num_label));
             break;
         }
     }
@@ -67,29 +65,33 @@ ZelReturn ZelProfiler::generate_rawdata_from_queue() {
 }
 
 ZelReturn ZelProfiler::finalize() {
-    ZEL_LOG(2, 0, "* Finalize Start! name[%s] num_iter(%lu) num_label(%lu) rawdataP(%p)\n",
-            name.c_str(), num_iter, num_label, static_cast<void*>(rawdata));
+    ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
+            "* Finalize Start! name[%s] num_iter(%lu) num_label(%lu) rawdataP(%p)\n", name.c_str(),
+            num_iter, num_label, static_cast<void*>(rawdata));
     if (finalized) {
-        ZEL_LOG(2, 2, "  Already finalized. key(0x%lx)\n", key);
+        ZEL_LOG(ZONE_INF, PRINT_TRACE, "  Already finalized. key(0x%lx)\n", key);
         return 0;
     }
     if (!queue.empty()) {
-        ZEL_LOG(3, 2, "  ZelProfileData in the queue. Process generationg rawdata\n");
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE,
+                "  ZelProfileData in the queue. Process generationg rawdata\n");
         if (generate_rawdata_from_queue() != 0) {
-            ZEL_LOG(0, 0, "* Fail to process queue data to rawdata.(%s)\n", name.c_str());
+            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to process queue data to rawdata.(%s)\n",
+                    name.c_str());
             return 1;
         }
     }
     if (rawdata == nullptr || num_iter == 0 || num_label == 0) {
-        ZEL_LOG(1, 1, "  [%s] info is empty. rawdata(%p) num_iter(%lu) num_label(%lu). \n",
-                name.c_str(), static_cast<void*>(rawdata), num_iter, num_label);
+        ZEL_LOG(ZONE_WAR, PRINT_IF_ON,
+                "  [%s] info is empty. rawdata(%p) num_iter(%lu) num_label(%lu). \n", name.c_str(),
+                static_cast<void*>(rawdata), num_iter, num_label);
         return 0;
     }
     // Counts handed over with raw data from elsewhere are checked before anything reads by them;
     // record and node indices are 32-bit.
     if (!counts_fit(num_iter, num_label, rawdata_size) || num_iter > INT_MAX ||
         num_label > INT_MAX) {
-        ZEL_LOG(0, 0,
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
                 "* Raw data too small for its counts. name[%s] num_iter(%lu) num_label(%lu) "
                 "size(%lu)\n",
                 name.c_str(), num_iter, num_label, rawdata_size);
@@ -98,19 +100,19 @@ ZelReturn ZelProfiler::finalize() {
 
     dbg_show_rawdata();
     grow_tree();
-    ZEL_LOG(3, 2, "  Grow tree Done\n");
+    ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  Grow tree Done\n");
     show_nodes(0, root);
-    ZEL_LOG(3, 2, "  Show tree Done\n");
+    ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  Show tree Done\n");
     if (zel::debug::check_print_mask(zel::debug::ZONE_DBG, zel::debug::PRINT_TRACE)) {
         // Traced: every iteration's times first, then every iteration's self times, so that the
         // traces read in that order.
         if (fill_data_to_tree() != 0) {
-            ZEL_LOG(0, 0, "* Fail to fill_data_to_tree\n");
+            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to fill_data_to_tree\n");
             throw std::runtime_error("finalize fail\n");
         }
-        ZEL_LOG(3, 2, "  fill_data_to_tree Done\n");
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  fill_data_to_tree Done\n");
         calculate_self_time();
-        ZEL_LOG(3, 2, "  calculate_self_time Done\n");
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  calculate_self_time Done\n");
     } else {
         // Same results, a block of iterations at a time: the block's times are still in cache
         // when its self times are computed, so the cost stays linear however long the profile.
@@ -119,7 +121,7 @@ ZelReturn ZelProfiler::finalize() {
         for (uint64_t begin = 0; begin < num_iter; begin += kBlock) {
             const uint64_t end = std::min(num_iter, begin + kBlock);
             if (profiler_internal::fill_iterations(*this, nodes, begin, end) != 0) {
-                ZEL_LOG(0, 0, "* Fail to fill_data_to_tree\n");
+                ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to fill_data_to_tree\n");
                 throw std::runtime_error("finalize fail\n");
             }
             profiler_internal::calculate_self_time_all(root.get(), begin, end);
@@ -127,19 +129,20 @@ ZelReturn ZelProfiler::finalize() {
     }
 
     finalized = true;
-    ZEL_LOG(2, 0, "* Finalize Done! profilerName[%s] num_iter(%lu) num_label(%lu) rawdata(%p)\n",
+    ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
+            "* Finalize Done! profilerName[%s] num_iter(%lu) num_label(%lu) rawdata(%p)\n",
             name.c_str(), num_iter, num_label, static_cast<void*>(rawdata));
     return 0;
 }
 
 std::string ZelProfiler::export_rawdata_to_file() {
     if (!finalized) {
-        ZEL_LOG(0, 0, "* Need to be finalized to export file\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Need to be finalized to export file\n");
         return "";
     }
     std::string path = std::string(kRawdataDir) + "profile_rawdata_" + std::to_string(key) + ".bin";
     if (export_mem_to_file(path.c_str(), rawdata, static_cast<uint32_t>(rawdata_size)) != 0) {
-        ZEL_LOG(0, 0, "* Fail to export as a file\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to export as a file\n");
         return "";
     }
     return path;
@@ -149,13 +152,14 @@ void ZelProfiler::dbg_show_rawdata() {
     if (!zel::debug::check_print_mask(zel::debug::ZONE_DBG, zel::debug::PRINT_TRACE)) return;
     if (num_label == 0 || num_iter == 0) return;
     if (rawdata == nullptr || !counts_fit(num_iter, num_label, rawdata_size)) {
-        ZEL_LOG(0, 0, "* Raw data too small for its counts. num_iter(%lu) num_label(%lu)\n",
-                num_iter, num_label);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
+                "* Raw data too small for its counts. num_iter(%lu) num_label(%lu)\n", num_iter,
+                num_label);
         return;
     }
     for (uint64_t k = 0; k < num_label * num_iter; ++k) {
         const ZelProfileData& r = rawdata[k];
-        ZEL_LOG(3, 2,
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE,
                 "  [%lu] label(%-18s) labelPostfix(0x%16lx) type(%4lu) iterKey(0x%16lx) "
                 "timestamp(%lu)\n",
                 k, label_name(r.label), r.labelPostfix, r.type, r.iterKey, r.timestamp);

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "src/common/zel_memory/memory_manager.h"
+#include "util/profiler/internal.h"
 #include "util/zel_utils.h"
 #include "util/zel_utils_profiler.h"
 
@@ -34,7 +35,8 @@ inline uint64_t now_us() {
 void QueueRecord(ZelProfiler& profiler, ProfileRecordType type, ProfilerLabelType label,
                  ProfilerKeyType labelPostfix, ProfilerKeyType iterKey) {
     if (profiler.finalized) {
-        ZEL_LOG(0, 0, "* Cannot add new profile data after finalized. label(%ld)\n",
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
+                "* Cannot add new profile data after finalized. label(%ld)\n",
                 static_cast<long>(label));
         return;
     }
@@ -105,18 +107,18 @@ ZelProfiler::ZelProfiler(ProfilerKeyType key, void* rawdata_mem, uint64_t size, 
       relative_timestamp(false),
       name("default"),
       key(key) {
-    ZEL_LOG(2, 2,
+    ZEL_LOG(ZONE_INF, PRINT_TRACE,
             "  ZelProfiler(%lx) construct from rawdata_mem(%p) maxIter(%lu) numIter(%lu) "
             "numLabel(%lu)\n",
             key, rawdata_mem, maxIter, numIter, numLabel);
     if (rawdata_mem == nullptr) {
-        ZEL_LOG(0, 0, "* profiler mem info error\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* profiler mem info error\n");
         throw std::runtime_error("no mem\n");
     }
     // malloc(0) may legitimately return null; an empty copy still needs a distinct block.
     void* copy = std::malloc(size != 0 ? size : 1);
     if (copy == nullptr) {
-        ZEL_LOG(0, 0, "* profiler mem alloc error\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* profiler mem alloc error\n");
         throw std::runtime_error("no mem\n");
     }
     if (size != 0) std::memcpy(copy, rawdata_mem, size);
@@ -143,14 +145,14 @@ ZelProfiler::ZelProfiler(ProfilerKeyType key, const char* rawdata_file, uint64_t
       relative_timestamp(false),
       name("default"),
       key(key) {
-    ZEL_LOG(2, 2,
+    ZEL_LOG(ZONE_INF, PRINT_TRACE,
             "  ZelProfiler(%lx) construct from rawdatafile(%s) maxIter(%lu) numIter(%lu) "
             "numLabel(%lu)\n",
             key, rawdata_file, maxIter, numIter, numLabel);
     uint32_t size = 0;
     // Only the size is taken over; the contents are dropped when `contents` goes.
     std::unique_ptr<char[]> contents = import_file_to_mem(rawdata_file, &size, 0, 0);
-    ZEL_LOG(2, 2, "  size(%d)\n", static_cast<int>(size));
+    ZEL_LOG(ZONE_INF, PRINT_TRACE, "  size(%d)\n", static_cast<int>(size));
     rawdata_size = size;
     CreateMemoryManager();
 }

@@ -46,16 +46,16 @@ bool indices_valid(const std::vector<int>& indices, size_t iterations) {
 
 void ZelProfiler::show_output(bool force) {
     if (!finalized) {
-        ZEL_LOG(1, 1, "  Not finalized so skip show output\n");
+        ZEL_LOG(ZONE_WAR, PRINT_IF_ON, "  Not finalized so skip show output\n");
         return;
     }
     if (!show_flag && !force) {
-        ZEL_LOG(2, 0, "* Output show flag OFF. Skip print profile\n");
+        ZEL_LOG(ZONE_INF, PRINT_ALWAYS, "* Output show flag OFF. Skip print profile\n");
         return;
     }
     show_result_multi_records(0.9f, 3);
     if (show_result_summary() != 0) {
-        ZEL_LOG(0, 0, "* Fail to show_result_summary\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to show_result_summary\n");
         throw std::runtime_error("finalize fail\n");
     }
 }
@@ -65,17 +65,18 @@ ZelReturn ZelProfiler::show_result_multi_records(float ratio, int range) {
     int32_t start = center - range;
     int32_t end = center + range;
     if (start < 0) {
-        ZEL_LOG(1, 1, "  Profiler: start iter is invalid so it has been changed to 0. (%.3f, %d)\n",
+        ZEL_LOG(ZONE_WAR, PRINT_IF_ON,
+                "  Profiler: start iter is invalid so it has been changed to 0. (%.3f, %d)\n",
                 static_cast<double>(ratio), range);
         start = 0;
     }
     if (end >= static_cast<int32_t>(num_iter)) {
-        ZEL_LOG(1, 1,
+        ZEL_LOG(ZONE_WAR, PRINT_IF_ON,
                 "  Profiler: end iter is invalid(%d) so it has been changed to %lu. (%.3f, %d)\n",
                 end, num_iter - 1, static_cast<double>(ratio), range);
         end = static_cast<int32_t>(num_iter - 1);
     }
-    ZEL_LOG(2, 0, "* print result of iter(%d~%d)\n", start, end);
+    ZEL_LOG(ZONE_INF, PRINT_ALWAYS, "* print result of iter(%d~%d)\n", start, end);
     show_result_nth_nodes(start, end, root);
     return 0;
 }
@@ -84,7 +85,7 @@ ZelReturn ZelProfiler::show_result_nth_nodes(int start_rank, int end_rank,
                                              std::shared_ptr<ProfileNode> node) {
     std::vector<int> ranks;
     for (int rank = start_rank; rank <= end_rank; ++rank) {
-        ZEL_LOG(3, 2, "  ------- rank to find : %d\n", rank);
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  ------- rank to find : %d\n", rank);
         ranks.push_back(rank);
     }
     std::vector<int> indices;
@@ -95,18 +96,18 @@ ZelReturn ZelProfiler::show_result_nth_nodes(int start_rank, int end_rank,
     if (!ranks_valid ||
         algo::find_kth_biggest_indices_in_vector(node->self_time, ranks, indices) != 0 ||
         indices.size() != ranks.size()) {
-        ZEL_LOG(0, 0, "* Fail to find biggest indices vector\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to find biggest indices vector\n");
         return 1;
     }
     for (int index : indices)
-        ZEL_LOG(3, 2, "  ------- found index: %d\n", index);
+        ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  ------- found index: %d\n", index);
 
     for (size_t row = 0; row < ranks.size(); row += kColumns) {
         const size_t row_end = std::min(ranks.size(), row + kColumns);
         std::vector<int> row_ranks(ranks.begin() + row, ranks.begin() + row_end);
         std::vector<int> row_indices(indices.begin() + row, indices.begin() + row_end);
         for (size_t j = 0; j < row_ranks.size(); ++j) {
-            ZEL_LOG(3, 2, "  [%d]=%d\n", row_ranks[j], row_indices[j]);
+            ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  [%d]=%d\n", row_ranks[j], row_indices[j]);
         }
         show_records_7columns(0, row_ranks, row_indices, node);
     }
@@ -122,8 +123,8 @@ void ZelProfiler::show_records_7columns(int depth, std::vector<int> ranks, std::
     };
     if (!node || ranks.size() != indices.size() ||
         !indices_valid(indices, node->self_time.size())) {
-        ZEL_LOG(0, 0, "* Wrong iteration columns. ranks(%zu) indices(%zu)\n", ranks.size(),
-                indices.size());
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Wrong iteration columns. ranks(%zu) indices(%zu)\n",
+                ranks.size(), indices.size());
         return;
     }
     std::vector<Frame> stack;
@@ -132,7 +133,7 @@ void ZelProfiler::show_records_7columns(int depth, std::vector<int> ranks, std::
     // wide: that node and its subtree are left out, the rest of the table goes on.
     auto print_node = [&](ProfileNode* n, int d) {
         if (n->label == TOTAL) {
-            ZEL_LOG(2, 0,
+            ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
                     "* ===========================================  Result: modelId(0x%016lx)  "
                     "unit(us) iter(%8lu)  ==============================================\n",
                     key, num_iter);
@@ -140,20 +141,21 @@ void ZelProfiler::show_records_7columns(int depth, std::vector<int> ranks, std::
             for (int rank : ranks) {
                 const std::string cell = " [" + std::to_string(rank) + "th]";
                 if (cell.size() >= kCellLimit) {
-                    ZEL_LOG(0, 1, "  laben name size is too big. so stop print. %d vs %d\n",
+                    ZEL_LOG(ZONE_ERR, PRINT_IF_ON,
+                            "  laben name size is too big. so stop print. %d vs %d\n",
                             static_cast<int>(cell.size()), static_cast<int>(kCellLimit));
                     return false;
                 }
                 pad_append(heading, cell);
             }
-            ZEL_LOG(2, 0, "* %s\n", heading.c_str());
+            ZEL_LOG(ZONE_INF, PRINT_ALWAYS, "* %s\n", heading.c_str());
         }
         std::string line;
         for (int index : indices) {
             const uint64_t value = n->self_time[index];
             const std::string cell = std::to_string(value);
             if (cell.size() >= kCellLimit) {
-                ZEL_LOG(0, 1,
+                ZEL_LOG(ZONE_ERR, PRINT_IF_ON,
                         "  String size is big(%d). Timevalue(%lu) might be too big. so stop "
                         "print. (limit:%d)\n",
                         static_cast<int>(cell.size()), value, static_cast<int>(kCellLimit));
@@ -163,10 +165,11 @@ void ZelProfiler::show_records_7columns(int depth, std::vector<int> ranks, std::
         }
         const std::string prefix = depth_prefix(d);
         if (n->labelPostfix != 0) {
-            ZEL_LOG(2, 0, "*  %s %s%s_0x%lx\n", line.c_str(), prefix.c_str(),
+            ZEL_LOG(ZONE_INF, PRINT_ALWAYS, "*  %s %s%s_0x%lx\n", line.c_str(), prefix.c_str(),
                     labelToString(n->label), n->labelPostfix);
         } else {
-            ZEL_LOG(2, 0, "*  %s %s%s\n", line.c_str(), prefix.c_str(), labelToString(n->label));
+            ZEL_LOG(ZONE_INF, PRINT_ALWAYS, "*  %s %s%s\n", line.c_str(), prefix.c_str(),
+                    labelToString(n->label));
         }
         stack.push_back({n, d, 0});
         return true;
@@ -182,7 +185,7 @@ void ZelProfiler::show_records_7columns(int depth, std::vector<int> ranks, std::
             continue;
         }
         if (frame.node->label == TOTAL) {
-            ZEL_LOG(2, 0,
+            ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
                     "* "
                     "=============================================================================="
                     "=============================================================================="
@@ -194,19 +197,19 @@ void ZelProfiler::show_records_7columns(int depth, std::vector<int> ranks, std::
 
 ZelReturn ZelProfiler::show_result_summary() {
     if (!root) {
-        ZEL_LOG(0, 0, "* No profile tree to summarise\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* No profile tree to summarise\n");
         return 1;
     }
     const size_t n = root->self_time.size();
     const size_t rank_90 = static_cast<size_t>(static_cast<double>(n) * 0.9);
     if (!(num_iter > rank_90)) {
-        ZEL_LOG(0, 0, "* Wrong 90th index(%zu)>%lu\n", rank_90, num_iter);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Wrong 90th index(%zu)>%lu\n", rank_90, num_iter);
         return 1;
     }
     int idx_90 = 0;
     if (rank_90 >= n || algo::find_kth_biggest_index_in_vector(
                                 root->self_time, static_cast<int>(rank_90), idx_90) != 0) {
-        ZEL_LOG(0, 0, "* Fail to get median. rank(%zu)\n", rank_90);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to get median. rank(%zu)\n", rank_90);
         return 1;
     }
     const size_t rank_median = static_cast<size_t>(num_iter / 2);
@@ -214,11 +217,11 @@ ZelReturn ZelProfiler::show_result_summary() {
     if (rank_median >= n ||
         algo::find_kth_biggest_index_in_vector(root->self_time, static_cast<int>(rank_median),
                                                idx_median) != 0) {
-        ZEL_LOG(0, 0, "* Fail to get median. rank(%zu)\n", rank_median);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to get median. rank(%zu)\n", rank_median);
         return 1;
     }
-    ZEL_LOG(3, 2, "  Median(%zu th)->%d, 90%%(%zu th)->%d\n", rank_median, idx_median, rank_90,
-            idx_90);
+    ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  Median(%zu th)->%d, 90%%(%zu th)->%d\n", rank_median,
+            idx_median, rank_90, idx_90);
     show_result_summary_nodes(0, idx_90, idx_median, root);
     return 0;
 }
@@ -231,18 +234,19 @@ ZelReturn ZelProfiler::show_result_summary_nodes(int depth, int idx_90, int idx_
         size_t next_child;
     };
     if (!node || !indices_valid({idx_90, idx_median}, node->self_time.size())) {
-        ZEL_LOG(0, 0, "* Wrong summary iterations. 90%%(%d) median(%d)\n", idx_90, idx_median);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Wrong summary iterations. 90%%(%d) median(%d)\n", idx_90,
+                idx_median);
         return 1;
     }
     std::vector<Frame> stack;
 
     auto print_node = [&](ProfileNode* n, int d) {
         if (n->label == TOTAL) {
-            ZEL_LOG(2, 0,
+            ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
                     "* ============  Result: modelId(0x%016lx)  unit(us) iter(%8lu)  "
                     "=============\n",
                     key, num_iter);
-            ZEL_LOG(2, 0,
+            ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
                     "*              <avg>              <median>               <90%%>   "
                     "<label>\n");
         }
@@ -257,12 +261,13 @@ ZelReturn ZelProfiler::show_result_summary_nodes(int depth, int idx_90, int idx_
                 static_cast<double>(static_cast<uint64_t>(widened)) / static_cast<double>(num_iter);
         const std::string prefix = depth_prefix(d);
         if (n->labelPostfix != 0) {
-            ZEL_LOG(2, 0, "*       %12.1f          %12lu        %12lu    %s%s_0x%lx\n", average,
+            ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
+                    "*       %12.1f          %12lu        %12lu    %s%s_0x%lx\n", average,
                     n->self_time[idx_median], n->self_time[idx_90], prefix.c_str(),
                     labelToString(n->label), n->labelPostfix);
         } else {
-            ZEL_LOG(2, 0, "*       %12.1f          %12lu        %12lu    %s%s\n", average,
-                    n->self_time[idx_median], n->self_time[idx_90], prefix.c_str(),
+            ZEL_LOG(ZONE_INF, PRINT_ALWAYS, "*       %12.1f          %12lu        %12lu    %s%s\n",
+                    average, n->self_time[idx_median], n->self_time[idx_90], prefix.c_str(),
                     labelToString(n->label));
         }
         stack.push_back({n, d, 0});
@@ -278,7 +283,7 @@ ZelReturn ZelProfiler::show_result_summary_nodes(int depth, int idx_90, int idx_
             continue;
         }
         if (frame.node->label == TOTAL) {
-            ZEL_LOG(2, 0,
+            ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
                     "* "
                     "=============================================================================="
                     "===========\n");

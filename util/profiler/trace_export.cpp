@@ -21,8 +21,6 @@
 namespace zel {
 namespace util {
 
-using profiler_internal::counts_fit;
-
 namespace {
 
 // Tracks: one per side of the runtime; iterations that overlap earlier ones use further lanes.
@@ -255,13 +253,13 @@ void append_metadata(std::string& out, const char* what, uint64_t pid, int64_t t
 
 ZelReturn write_trace(const ZelProfiler& p, uint64_t max_events, TraceOut& out) {
     if (!p.finalized) {
-        ZEL_LOG(0, 0, "* Need to be finalized to export trace\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Need to be finalized to export trace\n");
         return 1;
     }
     std::vector<Stage> stages;
     if (!p.root || p.num_iter == 0 || p.num_label == 0 || p.rawdata == nullptr ||
         !counts_fit(p.num_iter, p.num_label, p.rawdata_size) || !flatten(p, &stages)) {
-        ZEL_LOG(0, 0,
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
                 "* Trace: profile tree does not match its raw data. num_iter(%lu) num_label(%lu)\n",
                 p.num_iter, p.num_label);
         return 1;
@@ -272,7 +270,8 @@ ZelReturn write_trace(const ZelProfiler& p, uint64_t max_events, TraceOut& out) 
     if (!stages.empty() && iterations > max_events / stages.size())
         iterations = max_events / stages.size();
     if (iterations < p.num_iter) {
-        ZEL_LOG(1, 0, "* Trace holds %lu of %lu iterations: limit of %lu events\n", iterations,
+        ZEL_LOG(ZONE_WAR, PRINT_ALWAYS,
+                "* Trace holds %lu of %lu iterations: limit of %lu events\n", iterations,
                 p.num_iter, max_events);
     }
 
@@ -305,7 +304,7 @@ ZelReturn write_trace(const ZelProfiler& p, uint64_t max_events, TraceOut& out) 
                     stage.parent < 0 || (start >= stages[stage.parent].node->start_time[i] &&
                                          stop <= stages[stage.parent].node->end_time[i]);
             if (stop < start || !inside) {
-                ZEL_LOG(0, 0,
+                ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
                         "* Trace: stage(%s:0x%lx) iter[%lu] start(%lu) end(%lu) lies outside "
                         "its parent\n",
                         ZelProfiler::labelToString(stage.node->label), stage.node->labelPostfix, i,
@@ -352,8 +351,8 @@ ZelReturn write_trace(const ZelProfiler& p, uint64_t max_events, TraceOut& out) 
         if (!out.flush_if_full()) return 1;
     }
     out.text += "\n]}\n";
-    ZEL_LOG(2, 2, "  Trace: %zu stages x %lu iterations, %ld lanes\n", stages.size(), iterations,
-            static_cast<long>(lanes.count()));
+    ZEL_LOG(ZONE_INF, PRINT_TRACE, "  Trace: %zu stages x %lu iterations, %ld lanes\n",
+            stages.size(), iterations, static_cast<long>(lanes.count()));
     return 0;
 }
 
@@ -367,17 +366,17 @@ std::string export_trace_json(const ZelProfiler& profiler, uint64_t max_events) 
 
 ZelReturn export_trace_to_file(const ZelProfiler& profiler, const char* path, uint64_t max_events) {
     if (path == nullptr || *path == '\0') {
-        ZEL_LOG(0, 0, "* Fail to open trace file(%s)\n", "");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to open trace file(%s)\n", "");
         return 1;
     }
     // Refuse before creating the file, so that a failed export leaves nothing behind.
     if (!profiler.finalized) {
-        ZEL_LOG(0, 0, "* Need to be finalized to export trace\n");
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Need to be finalized to export trace\n");
         return 1;
     }
     FILE* file = fopen(path, "w");
     if (file == nullptr) {
-        ZEL_LOG(0, 0, "* Fail to open trace file(%s)\n", path);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to open trace file(%s)\n", path);
         return 1;
     }
     TraceOut out(file);
@@ -386,11 +385,12 @@ ZelReturn export_trace_to_file(const ZelProfiler& profiler, const char* path, ui
     const bool closed = fclose(file) == 0;
     if (built != 0 || !written || !closed) {
         // A failed write ends the walk early; it is reported here rather than as a bad tree.
-        if (!written || !closed) ZEL_LOG(0, 0, "* Fail to write trace file(%s)\n", path);
+        if (!written || !closed)
+            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to write trace file(%s)\n", path);
         remove(path);
         return 1;
     }
-    ZEL_LOG(2, 2, "  Trace written to %s\n", path);
+    ZEL_LOG(ZONE_INF, PRINT_TRACE, "  Trace written to %s\n", path);
     return 0;
 }
 

@@ -14,10 +14,6 @@
 namespace zel {
 namespace util {
 
-using profiler_internal::counts_fit;
-using profiler_internal::depth_marker;
-using profiler_internal::label_name;
-
 namespace {
 
 bool trace_on(zel::debug::DbgPartition zone) {
@@ -31,8 +27,9 @@ ZelReturn ZelProfiler::grow_tree() {
     end_node_map.clear();
     if (num_label != 0 && (rawdata == nullptr || !counts_fit(num_iter, num_label, rawdata_size) ||
                            num_iter > INT_MAX || num_label > INT_MAX)) {
-        ZEL_LOG(0, 0, "* Raw data too small for its counts. num_iter(%lu) num_label(%lu)\n",
-                num_iter, num_label);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
+                "* Raw data too small for its counts. num_iter(%lu) num_label(%lu)\n", num_iter,
+                num_label);
         return 1;
     }
     root = std::make_shared<ProfileNode>(static_cast<int>(num_iter));
@@ -53,12 +50,13 @@ ZelReturn ZelProfiler::append_nodes_to_tree(
         int depth;
     };
     if (!parent || cur_idx < 0) {
-        ZEL_LOG(0, 0, "* No node to grow the tree under. cur_idx(%d)\n", cur_idx);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* No node to grow the tree under. cur_idx(%d)\n", cur_idx);
         return 1;
     }
     if (num_label != 0 &&
         (rawdata == nullptr || num_label > INT_MAX || !counts_fit(1, num_label, rawdata_size))) {
-        ZEL_LOG(0, 0, "* Raw data too small for its counts. num_label(%lu)\n", num_label);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Raw data too small for its counts. num_label(%lu)\n",
+                num_label);
         return 1;
     }
     const bool trace = trace_on(zel::debug::ZONE_DBG);
@@ -70,7 +68,9 @@ ZelReturn ZelProfiler::append_nodes_to_tree(
     auto leave = [&]() {
         stack.pop_back();
         if (stack.empty()) return false;
-        if (trace) ZEL_LOG(3, 2, "  --- depth[%d] cur_idx:%d\n", stack.back().depth, cur_idx);
+        if (trace)
+            ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  --- depth[%d] cur_idx:%d\n", stack.back().depth,
+                    cur_idx);
         ++cur_idx;
         return true;
     };
@@ -82,8 +82,8 @@ ZelReturn ZelProfiler::append_nodes_to_tree(
             continue;
         }
         if (trace) {
-            ZEL_LOG(3, 2, "  +++ depth[%d] cur_idx:%d ptr:%p\n", frame.depth, cur_idx,
-                    static_cast<void*>(frame.node.get()));
+            ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  +++ depth[%d] cur_idx:%d ptr:%p\n", frame.depth,
+                    cur_idx, static_cast<void*>(frame.node.get()));
         }
         const ZelProfileData& record = rawdata[cur_idx];
         const int32_t label = static_cast<int32_t>(record.label);
@@ -92,7 +92,8 @@ ZelReturn ZelProfiler::append_nodes_to_tree(
             node->end_idx = cur_idx;
             end_node_map.emplace(cur_idx, frame.node);
             if (trace) {
-                ZEL_LOG(3, 2, "  [%d] Found end %lu (%s:%lu) labelIdx(%d~%d) ptr(%p)\n", cur_idx,
+                ZEL_LOG(ZONE_DBG, PRINT_TRACE,
+                        "  [%d] Found end %lu (%s:%lu) labelIdx(%d~%d) ptr(%p)\n", cur_idx,
                         record.type, label_name(record.label), record.labelPostfix, node->start_idx,
                         node->end_idx, static_cast<void*>(node));
             }
@@ -106,9 +107,9 @@ ZelReturn ZelProfiler::append_nodes_to_tree(
         start_node_map.emplace(cur_idx, child);
         frame.node->children.push_back(child);
         if (trace) {
-            ZEL_LOG(3, 2, "  [%d] Found new %lu(%s:%lu) labelIdx(%d) %p\n", cur_idx, record.type,
-                    label_name(record.label), record.labelPostfix, child->start_idx,
-                    static_cast<void*>(child.get()));
+            ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  [%d] Found new %lu(%s:%lu) labelIdx(%d) %p\n",
+                    cur_idx, record.type, label_name(record.label), record.labelPostfix,
+                    child->start_idx, static_cast<void*>(child.get()));
         }
         ++cur_idx;
         const int child_depth = frame.depth + 1;
@@ -119,8 +120,9 @@ ZelReturn ZelProfiler::append_nodes_to_tree(
 ZelReturn ZelProfiler::fill_data_to_tree() {
     if (num_iter == 0 || num_label == 0) return 0;
     if (rawdata == nullptr || !counts_fit(num_iter, num_label, rawdata_size)) {
-        ZEL_LOG(0, 0, "* Raw data too small for its counts. num_iter(%lu) num_label(%lu)\n",
-                num_iter, num_label);
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
+                "* Raw data too small for its counts. num_iter(%lu) num_label(%lu)\n", num_iter,
+                num_label);
         return 1;
     }
     return profiler_internal::fill_iterations(*this, profiler_internal::index_record_nodes(*this),
@@ -153,22 +155,25 @@ ZelReturn fill_iterations(ZelProfiler& p, const RecordNodes& nodes, uint64_t beg
         int64_t prev_label = 0;
         uint64_t prev_time = 0;
         for (uint64_t r = 0; r < num_label; ++r) {
-            if (trace) ZEL_LOG(3, 2, "  iter[%lu]*%lu  label[%lu]\n", i, num_label, r);
+            if (trace)
+                ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  iter[%lu]*%lu  label[%lu]\n", i, num_label, r);
             const ZelProfileData& record = p.rawdata[static_cast<uint32_t>(i * num_label + r)];
             const bool is_start = record.type == START;
             ProfileNode* node = is_start ? nodes.starts[r] : nodes.ends[r];
             if (node == nullptr) {
                 if (is_start) {
-                    ZEL_LOG(0, 0, "* Fail to find start label. label_count[%lu]\n", r);
+                    ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
+                            "* Fail to find start label. label_count[%lu]\n", r);
                 } else {
-                    ZEL_LOG(0, 0, "* Fail to find end label. label_count[%lu]\n", r);
+                    ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to find end label. label_count[%lu]\n",
+                            r);
                 }
                 return 1;
             }
             if (is_start) {
                 node->start_time[i] = record.timestamp;
                 if (trace) {
-                    ZEL_LOG(3, 2,
+                    ZEL_LOG(ZONE_DBG, PRINT_TRACE,
                             "  Add START(%s) iter[%lu]*%lu  label_cnt[%lu] time(%lu)  ptr:%p\n",
                             label_name(record.label), i, num_label, r, record.timestamp,
                             static_cast<void*>(node));
@@ -176,13 +181,14 @@ ZelReturn fill_iterations(ZelProfiler& p, const RecordNodes& nodes, uint64_t beg
             } else {
                 node->end_time[i] = record.timestamp;
                 if (trace) {
-                    ZEL_LOG(3, 2, "  Add END(%s) iter[%lu]*%lu  label_cnt[%lu] time(%lu)  ptr:%p\n",
+                    ZEL_LOG(ZONE_DBG, PRINT_TRACE,
+                            "  Add END(%s) iter[%lu]*%lu  label_cnt[%lu] time(%lu)  ptr:%p\n",
                             label_name(record.label), i, num_label, r, record.timestamp,
                             static_cast<void*>(node));
                 }
             }
             if (record.timestamp < prev_time) {
-                ZEL_LOG(0, 0,
+                ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
                         "* Wrong flow! timestamp(%s:%lu) is smaller than previous "
                         "timestamp(%s:%lu).  iter[%lu]\n",
                         label_name(record.label), record.timestamp, label_name(prev_label),
@@ -213,13 +219,13 @@ ZelReturn ZelProfiler::calculate_self_time_nodes(int depth, uint64_t iter,
     // Opens a node: its duration in this iteration. False when the node holds no such iteration.
     auto enter = [&](ProfileNode* n, int d) {
         if (iter >= n->duration.size()) {
-            ZEL_LOG(0, 0, "* No such iteration in the tree. iter[%lu]\n", iter);
+            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* No such iteration in the tree. iter[%lu]\n", iter);
             return false;
         }
         const uint64_t duration = n->end_time[iter] - n->start_time[iter];
         n->duration[iter] = duration;
         if (trace) {
-            ZEL_LOG(3, 2,
+            ZEL_LOG(ZONE_DBG, PRINT_TRACE,
                     "  #### FILL: %s label(%s) iter[%lu] end(%lu) start(%lu) --> duration(%lu)\n",
                     depth_marker(d).c_str(), labelToString(n->label), iter, n->end_time[iter],
                     n->start_time[iter], duration);
@@ -233,7 +239,9 @@ ZelReturn ZelProfiler::calculate_self_time_nodes(int depth, uint64_t iter,
         Frame& frame = stack.back();
         ProfileNode* n = frame.node;
         if (frame.next_child < n->children.size()) {
-            if (trace) ZEL_LOG(3, 2, "  ++ depth[%d] child[%zu]\n", frame.depth, frame.next_child);
+            if (trace)
+                ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  ++ depth[%d] child[%zu]\n", frame.depth,
+                        frame.next_child);
             const int child_depth = frame.depth + 1;
             if (!enter(n->children[frame.next_child].get(), child_depth)) return 1;
             continue;
@@ -244,7 +252,7 @@ ZelReturn ZelProfiler::calculate_self_time_nodes(int depth, uint64_t iter,
         const uint64_t self = n->label == TOTAL ? frame.sum : duration - frame.sum;
         n->self_time[iter] = self;
         if (trace) {
-            ZEL_LOG(3, 2, "  #### SELF: %s label(%s) iter[%lu] self(%lu)\n",
+            ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  #### SELF: %s label(%s) iter[%lu] self(%lu)\n",
                     depth_marker(frame.depth).c_str(), labelToString(n->label), iter, self);
         }
         stack.pop_back();
@@ -254,8 +262,8 @@ ZelReturn ZelProfiler::calculate_self_time_nodes(int depth, uint64_t iter,
         }
         Frame& parent = stack.back();
         if (trace) {
-            ZEL_LOG(3, 2, "  -- depth[%d] idx[%lu] child[%zu] --> duration(%lu)\n", parent.depth,
-                    iter, parent.next_child, duration);
+            ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  -- depth[%d] idx[%lu] child[%zu] --> duration(%lu)\n",
+                    parent.depth, iter, parent.next_child, duration);
         }
         parent.sum += duration;
         ++parent.next_child;
@@ -337,8 +345,9 @@ ZelReturn ZelProfiler::show_nodes(int depth, std::shared_ptr<ProfileNode> node) 
     std::vector<Frame> stack;
     auto enter = [&](ProfileNode* n, int d) {
         if (show) {
-            ZEL_LOG(2, 2, "  %s label[%s:0x%lx] start(%d)~end(%d)\n", depth_marker(d).c_str(),
-                    labelToString(n->label), n->labelPostfix, n->start_idx, n->end_idx);
+            ZEL_LOG(ZONE_INF, PRINT_TRACE, "  %s label[%s:0x%lx] start(%d)~end(%d)\n",
+                    depth_marker(d).c_str(), labelToString(n->label), n->labelPostfix, n->start_idx,
+                    n->end_idx);
         }
         stack.push_back({n, d, 0});
     };
@@ -350,7 +359,7 @@ ZelReturn ZelProfiler::show_nodes(int depth, std::shared_ptr<ProfileNode> node) 
             continue;
         }
         const size_t c = frame.next_child++;
-        if (trace) ZEL_LOG(3, 2, "  depth[%d] idx[%zu]\n", frame.depth, c);
+        if (trace) ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  depth[%d] idx[%zu]\n", frame.depth, c);
         ProfileNode* child = frame.node->children[c].get();
         enter(child, frame.depth + 1);
     }

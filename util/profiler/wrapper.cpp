@@ -4,18 +4,11 @@
 #include <memory>
 #include <string>
 
+#include "util/profiler/internal.h"
 #include "util/zel_utils_profiler_wrapper.h"
 
 namespace zel {
 namespace util {
-
-using zel::debug::PRINT_ALWAYS;
-using zel::debug::PRINT_IF_ON;
-using zel::debug::PRINT_TRACE;
-using zel::debug::ZONE_DBG;
-using zel::debug::ZONE_ERR;
-using zel::debug::ZONE_INF;
-using zel::debug::ZONE_WAR;
 
 uint64_t ZelProfilerWrapper::mode_ = 0;
 uint64_t ZelProfilerWrapper::labelMask_ = 0;

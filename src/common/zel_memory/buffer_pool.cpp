@@ -114,7 +114,8 @@ ZelBuffer* BufferPool::get_buffer(Buffer::sptr buffer) {
     if (found != buffer_map.end()) return found->second.get();
     if (!buffer) {
         // A null buffer has no text to report; it is simply not in the pool.
-        ZEL_LOG(0, debug::PRINT_ALWAYS, "* Couldn't find buffer at map: buffer is null\n");
+        ZEL_LOG(debug::ZONE_ERR, debug::PRINT_ALWAYS,
+                "* Couldn't find buffer at map: buffer is null\n");
         throw TalornNnException(kPath, 105) << "Couldn't find buffer at map :";
     }
     throw TalornNnException(kPath, 105) << "Couldn't find buffer at map :" << buffer->to_string();

@@ -13,7 +13,7 @@ void NativeHandleManager::CreateNativeHandle(native_handle_t** handle, int32_t f
     *handle = created;
     if (created == nullptr) {
         // Out of memory: the caller sees a null handle and keeps its descriptor.
-        ZEL_LOG(0, debug::PRINT_ALWAYS, "* Handle creation failed: fd(%d)\n", fd);
+        ZEL_LOG(debug::ZONE_ERR, debug::PRINT_ALWAYS, "* Handle creation failed: fd(%d)\n", fd);
         return;
     }
     created->numFds = 1;
@@ -50,7 +50,8 @@ int NativeHandleManager::CloneNativeHandle(native_handle_t** handle,
     *handle = clone;
     if (clone == nullptr) {
         // The descriptor could not be duplicated (descriptor table full): no handle, no fd.
-        ZEL_LOG(0, debug::PRINT_ALWAYS, "* Handle clone failed: fd(%d)\n", source->data[0]);
+        ZEL_LOG(debug::ZONE_ERR, debug::PRINT_ALWAYS, "* Handle clone failed: fd(%d)\n",
+                source->data[0]);
         return -1;
     }
     ZEL_MSG(ZONE_MEM) << "Handle is cloned: " << source->data[0] << " -> " << clone->data[0]
@@ -61,13 +62,14 @@ int NativeHandleManager::CloneNativeHandle(native_handle_t** handle,
 void NativeHandleManager::RemoveNativeHandle(native_handle_t** handle) {
     native_handle_t* target = *handle;
     if (target == nullptr) {
-        ZEL_LOG(0, debug::PRINT_ALWAYS, "* Handle is null: nothing to remove\n");
+        ZEL_LOG(debug::ZONE_ERR, debug::PRINT_ALWAYS, "* Handle is null: nothing to remove\n");
         return;
     }
     if (target->numFds > 0) {
         ZEL_MSG(ZONE_MEM) << "Handle is removed: " << target->data[0] << std::endl;
     } else {
-        ZEL_LOG(0, debug::PRINT_ALWAYS, "* Handle is removed: it holds no descriptor\n");
+        ZEL_LOG(debug::ZONE_ERR, debug::PRINT_ALWAYS,
+                "* Handle is removed: it holds no descriptor\n");
     }
     native_handle_close(target);
     native_handle_delete(target);
