@@ -118,17 +118,10 @@ std::string TreeText(const std::shared_ptr<ProfileNode>& node) {
 }
 
 pid_t Fork(int (*role)(int), int sock, int other) {
-    const pid_t pid = fork();
-    if (pid == 0) {
+    return zel_test::ForkChild([=] {
         close(other);
-        _exit(role(sock));
-    }
-    return pid;
-}
-
-bool Exited(pid_t pid) {
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        return role(sock);
+    });
 }
 
 std::string SummaryRow(double avg, uint64_t median, uint64_t p90, const char* name) {
@@ -192,7 +185,8 @@ std::string Service() {
     }
     Send(to_client, handover);
     Send(to_driver, {0, 0});
-    if (!Exited(client) || !Exited(driver)) return "a child process failed";
+    if (!zel_test::WaitChild(client) || !zel_test::WaitChild(driver))
+        return "a child process failed";
 
     for (uint64_t op = 1; op <= kOps; ++op)
         W::merge_device_profiler_to_main_profiler(kModel, op);
