@@ -1,12 +1,14 @@
-// Device profiler (the buffer shared with the driver and its conversion into raw data) and the
+// Device profiler (the buffer shared with the driver and its conversion into raw data), and the
 // client profiler's packing of its profile for the service.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "debug/zel_debug.h"
 #include "src/common/zel_memory/buffer.h"
 #include "support/log_capture.h"
 #include "util/zel_utils_profiler_client.h"
@@ -16,6 +18,12 @@ namespace {
 
 using namespace zel::util;
 using zel_test::Line;
+
+std::string Ptr(const void* p) {
+    char text[32];
+    snprintf(text, sizeof(text), "%p", p);
+    return text;
+}
 
 // Writes iteration k's entries ({label, duration} per slot) into the DD and FW areas.
 void Write(ZelDeviceProfiler& device, uint64_t k,
@@ -48,7 +56,7 @@ std::string Records(const ZelDeviceProfiler& device, uint64_t k) {
 
 // The driver lays out its entries by this geometry: D DD and F FW labels per iteration, the FW
 // area after maxIter * 8 * D bytes, 8 + maxIter * 8 * 2(D + F) bytes in all.
-TEST(DeviceProfilerTest, BufferGeometryAndIterationLimit) {
+TEST(ProfilerDeviceTest, BufferGeometryAndIterationLimit) {
     for (const bool detail : {false, true}) {
         ZelDeviceProfiler device(5, 100, detail);
         EXPECT_EQ(detail ? "18 3200 14408" : "6 800 4808",
@@ -66,7 +74,7 @@ TEST(DeviceProfilerTest, BufferGeometryAndIterationLimit) {
             log.contains(Line("* Cannot accept too big iteration limit(100000001 > 100000000)\n")));
 }
 
-TEST(DeviceProfilerTest, OverviewEntriesBecomeNestedRecordsPerIteration) {
+TEST(ProfilerDeviceTest, OverviewEntriesBecomeNestedRecordsPerIteration) {
     // A buffer the driver never wrote converts to nothing and stays unfinalized.
     ZelDeviceProfiler unwritten(9, 4, false);
     EXPECT_EQ(0, unwritten.preprocess_device_data_to_rawdata());
@@ -88,7 +96,7 @@ TEST(DeviceProfilerTest, OverviewEntriesBecomeNestedRecordsPerIteration) {
     EXPECT_TRUE(device.finalized);
 }
 
-TEST(DeviceProfilerTest, DetailChildrenFollowEachOtherFromTheirParentsStart) {
+TEST(ProfilerDeviceTest, DetailChildrenFollowEachOtherFromTheirParentsStart) {
     ZelDeviceProfiler device(9, 2, true);
     Write(device, 0, {{DD_ROOT, 40}, {DD_QUEUE, 5}, {DD_SESSION, 7}, {DD_FW_IF, 20}},
           {{FW, 15}, {HW_NPU0, 6}, {HW_NPU1, 4}, {HW_NPU01_OVERLAP, 0}, {HW_DSP, 0xFFFFFFFF}});
@@ -110,9 +118,59 @@ TEST(DeviceProfilerTest, DetailChildrenFollowEachOtherFromTheirParentsStart) {
     EXPECT_EQ(0x80000001u, wrap.rawdata[4].timestamp);          // END DD_SESSION
 }
 
+// The driver's count is taken as written; only reading by it stops where the buffer ends, and a
+// conversion that cannot read everything leaves the profiler's raw data as it was.
+TEST(ProfilerDeviceTest, DriverCountIsReadOnlyAsFarAsTheBuffer) {
+    // 104 bytes: the DD area holds 12 iterations' entries, the FW area 5.
+    ZelDeviceProfiler device(9, 2, false);
+    Write(device, 0, {{DD_ROOT, 100}}, {{FW, 30}, {HW, 20}});
+    uint64_t claimed = 6;
+    memcpy(device.device_memory->va, &claimed, 8);
+    device.update_num_iteration();
+    EXPECT_EQ(6u, device.num_iter);
+
+    auto* manager = zel::debug::DbgPrintManager::GetInstance();
+    const uint64_t mask = manager->print_mask;
+    manager->set_mask(0x8);
+    zel_test::LogCapture log;
+    device.show_dev_output();
+    manager->set_mask(mask);
+    const std::string beyond = Line("* Device num_iter(6) beyond the buffer. size(104)\n");
+    EXPECT_EQ(Line("  [4][1] rawdata(0x0000000000000000)\n"), log.messages().end()[-2]);
+    EXPECT_EQ(beyond, log.messages().back());
+    // The DD area holds all six iterations; the FW area stops after its fifth.
+    EXPECT_TRUE(log.contains(Line("  [5][0] rawdata(0x0000000000000000)\n")));
+    log.clear();
+    EXPECT_EQ(1, device.preprocess_device_data_to_rawdata());
+    EXPECT_EQ((std::vector<std::string>{beyond, Line("* Fail to convert_to_rawdata\n")}),
+              log.messages());
+    EXPECT_EQ(nullptr, device.rawdata);
+
+    // Five iterations lie inside the buffer: converted as written, however few the limit.
+    claimed = 5;
+    memcpy(device.device_memory->va, &claimed, 8);
+    ASSERT_EQ(0, device.preprocess_device_data_to_rawdata());
+    EXPECT_EQ(5u * 6 * 40, device.rawdata_size);
+    EXPECT_EQ("S1:0 S5:0 S6:0 E6:0 E5:0 E1:0 ", Records(device, 4));
+
+    // Entries written past the raw data, or with none yet, are refused.
+    log.clear();
+    int index = 30, time = 0;
+    EXPECT_EQ(1, device.fill_rawdata_entry(0, index, 0, device.ingredient_root, time));
+    ZelDeviceProfiler fresh(9, 2, false);
+    fresh.generate_ingredient_tree();
+    index = 0;
+    EXPECT_EQ(1, fresh.fill_rawdata_entry(0, index, 0, fresh.ingredient_root, time));
+    EXPECT_EQ((std::vector<std::string>{
+                      Line("* No raw data slot for record(30). rawdata(" +
+                           std::string(Ptr(device.rawdata)) + ") size(1200)\n"),
+                      Line("* No raw data slot for record(0). rawdata((nil)) size(0)\n")}),
+              log.messages());
+}
+
 // The packed profile: a 24-byte header (model id, labels, iterations), then the raw data; packed
 // once only.
-TEST(ClientProfilerTest, PacksHeaderAndRawDataOnce) {
+TEST(ProfilerDeviceTest, ClientPacksHeaderAndRawDataOnce) {
     ZelClientProfiler client(0x1234, 10, false);
     for (uint64_t i = 0; i < 3; ++i) {
         client.add_record_start(API, 0, i);
