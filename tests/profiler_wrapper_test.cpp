@@ -26,21 +26,10 @@ std::string Hex(uint64_t value) {
     return text;
 }
 
-// Label mask, print flags (client, service, device) and fast track after initialize(mode...).
-std::string StateAfter(std::vector<uint64_t> modes) {
-    return zel_test::RunInChild([=] {
-        for (uint64_t mode : modes)
-            W::initialize(mode, 0);
-        return Hex(W::labelMask_) + " " + std::to_string(W::printFlagClient_) +
-               std::to_string(W::printFlagService_) + std::to_string(W::printFlagDevice_) +
-               (W::fastTrack_ ? " fast" : "");
-    });
-}
-
+// Overview: API, CLIENT and the seven overview service labels; detail: all twelve. Without the
+// service each side prints its own data; the service prints alone only when neither the client nor
+// the driver take part. Bits are computed even with PROFILE_ON clear; a second initialize adds.
 TEST(ProfilerWrapperTest, LabelMaskAndPrintFlagsFollowTheMode) {
-    // Overview: API, CLIENT and the seven overview service labels; detail: all twelve. Without
-    // the service each side prints its own data; the service prints alone only when neither the
-    // client nor the driver take part. Bits are computed even with PROFILE_ON clear.
     const std::vector<std::pair<std::vector<uint64_t>, std::string>> cases = {
             {{0x1}, "0x3d6a000 000"},
             {{0x3}, "0x3fff000 000"},
@@ -50,9 +39,16 @@ TEST(ProfilerWrapperTest, LabelMaskAndPrintFlagsFollowTheMode) {
             {{0x15}, "0xd6a000 010"},
             {{0x41}, "0x3d6a000 000 fast"},
             {{0x20}, "0x3d6a000 000"},
-            {{0x1, 0x9, 0x3}, "0x3fff000 101"}};  // a second initialize only adds
-    for (const auto& [modes, state] : cases)
-        EXPECT_EQ(state, StateAfter(modes)) << Hex(modes[0]);
+            {{0x1, 0x9, 0x3}, "0x3fff000 101"}};
+    for (const auto& [modes, state] : cases) {
+        EXPECT_EQ(state, zel_test::RunInChild([&] {
+                      for (uint64_t mode : modes)
+                          W::initialize(mode, 0);
+                      return Hex(W::labelMask_) + " " + std::to_string(W::printFlagClient_) +
+                             std::to_string(W::printFlagService_) +
+                             std::to_string(W::printFlagDevice_) + (W::fastTrack_ ? " fast" : "");
+                  }));
+    }
 }
 
 // Absent properties leave the defaults (each absence logged once); with PROFILE_ON clear every
@@ -66,6 +62,7 @@ TEST(ProfilerWrapperTest, InitializeSourcesAndProfilingOff) {
         zel_test::LogCapture log;
         W::initialize(0, 0);
         std::string text =
+                std::to_string(log.messages().size()) +
                 std::to_string(log.count(Line("* No value for (" + mode + "). Skip.\n"))) +
                 std::to_string(log.count(Line("* No value for (" + max_iter + "). Skip.\n"))) +
                 " " + Hex(W::mode_) + " " + std::to_string(W::maxIter_) + " ";
@@ -92,7 +89,7 @@ TEST(ProfilerWrapperTest, InitializeSourcesAndProfilingOff) {
         return text + " " + Hex(W::mode_) + " " + std::to_string(W::maxIter_) + " " +
                std::to_string(log.messages().size());
     });
-    EXPECT_EQ("11 0x0 50000 010[] 0x13 100 11 0x13 30 1", result);
+    EXPECT_EQ("211 0x0 50000 010[] 0x13 100 11 0x13 30 1", result);
 }
 
 // A second create keeps the first profiler; only labels in the mask are queued; unknown models
