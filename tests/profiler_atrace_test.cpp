@@ -90,18 +90,13 @@ TEST(ProfilerAtraceTest, StagesBecomePairedSectionsOnlyWithTheNnapiCategory) {
                                         "-DD_0x1", "-CLIENT", "-CLIENT", "+API", "-API", "+API",
                                         "-API"}),
               names);
+    // A begin pairs with its end (CLIENT of iteration 1 ended on another thread); stages open at
+    // the same time (another iteration, another label) keep apart.
     const auto& s = on.first;
-    EXPECT_EQ(s[1].second, s[2].second);  // DD_0x1 of iteration 0 pairs up
-    EXPECT_EQ(s[4].second, s[5].second);
-    EXPECT_EQ(s[0].second, s[6].second);  // CLIENT of iteration 0
-    EXPECT_EQ(s[3].second, s[7].second);  // CLIENT of iteration 1, ended on another thread
-    EXPECT_EQ(s[8].second, s[9].second);
-    EXPECT_EQ(s[10].second, s[11].second);
-    // Stages open at the same time keep apart: another iteration, another label.
-    EXPECT_NE(s[0].second, s[3].second);
-    EXPECT_NE(s[1].second, s[4].second);
-    EXPECT_NE(s[0].second, s[1].second);
-    EXPECT_NE(s[8].second, s[10].second);
+    for (auto [begin, end] : {std::pair{1, 2}, {4, 5}, {0, 6}, {3, 7}, {8, 9}, {10, 11}})
+        EXPECT_EQ(s[begin].second, s[end].second) << s[begin].first;
+    for (auto [one, other] : {std::pair{0, 3}, {1, 4}, {0, 1}, {8, 10}})
+        EXPECT_NE(s[one].second, s[other].second) << s[one].first << s[other].first;
     EXPECT_EQ(1, std::count(on.second.begin(), on.second.end(),
                             zel_test::Line("* Cannot add new profile data after finalized. "
                                            "label(23)\n")));

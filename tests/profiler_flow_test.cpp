@@ -1,8 +1,7 @@
-// The road of a profiled inference across real processes: a client process records its API and
-// CLIENT stages around each request and hands its packed profile to the service as a
-// descriptor; a driver process maps the device buffers the service hands it and writes its
-// timings; the service merges both into its own profile and prints the report. And what those
-// processes write when it cannot be trusted.
+// The road of a profiled inference across real processes: a client process records API and
+// CLIENT around each request and hands its packed profile to the service as a descriptor; a
+// driver process maps the device buffers the service hands it and writes its timings; the service
+// merges both into its own profile and prints the report. Then what those processes may write.
 #include <android-base/cmsg.h>
 #include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
@@ -24,28 +23,21 @@
 
 namespace {
 
-using android::base::unique_fd;
 using namespace zel::util;
 using W = ZelProfilerWrapper;
-using zel_test::Line;
 
 constexpr uint64_t kModel = 7, kIterations = 12, kOps = 2;
 
-struct Packet {
-    uint64_t what;  // iteration to run, or a byte size
-    uint64_t op;
-};
-
-bool Send(int sock, Packet packet, int fd = -1) {
-    if (fd >= 0) return android::base::SendFileDescriptors(sock, &packet, sizeof(packet), fd) > 0;
-    return write(sock, &packet, sizeof(packet)) == static_cast<ssize_t>(sizeof(packet));
+// A message is {iteration or byte size, operation}, with a descriptor when fd >= 0.
+bool Send(int sock, uint64_t what, uint64_t op = 0, int fd = -1) {
+    const uint64_t packet[2] = {what, op};
+    if (fd >= 0) return android::base::SendFileDescriptors(sock, packet, 16, fd) == 16;
+    return write(sock, packet, 16) == 16;
 }
 
-bool Receive(int sock, Packet* packet, unique_fd* fd = nullptr) {
-    const ssize_t got =
-            fd != nullptr ? android::base::ReceiveFileDescriptors(sock, packet, sizeof(*packet), fd)
-                          : read(sock, packet, sizeof(*packet));
-    return got == static_cast<ssize_t>(sizeof(*packet));
+bool Receive(int sock, uint64_t* packet, android::base::unique_fd* fd = nullptr) {
+    return (fd ? android::base::ReceiveFileDescriptors(sock, packet, 16, fd)
+               : read(sock, packet, 16)) == 16;
 }
 
 // Iteration k's entries as a driver writes them: DD_ROOT in the DD area, FW and HW in the FW area.
@@ -63,42 +55,34 @@ void WriteDevice(void* buffer, uint64_t split, uint64_t k, uint32_t dd, uint32_t
 int Client(int service) {
     W::initialize(PROFILE_ON, kIterations);
     W::create_profiler_client(kModel);
+    uint64_t reply[2];
     for (uint64_t i = 0; i < kIterations; ++i) {
         W::profile_from(kModel, API, 0, i);
         W::profile_from(kModel, CLIENT, 0, i);
-        Packet reply;
-        if (!Send(service, {i, 0}) || !Receive(service, &reply)) return 1;
+        if (!Send(service, i) || !Receive(service, reply)) return 1;
         W::profile_until(kModel, CLIENT, 0, i);
         W::profile_until(kModel, API, 0, i);
     }
     zel::memory::Buffer::sptr profile = W::get_client_profiler_mem(kModel);
-    Packet taken;
-    const bool sent = profile != nullptr && Send(service, {profile->size, 0}, profile->fd);
-    // The profile is packed once; the buffer handed over stays valid.
-    return sent && Receive(service, &taken) && !W::get_client_profiler_mem(kModel) ? 0 : 2;
+    // Packed once: a second request gets nothing, and the buffer handed over stays valid.
+    const bool sent = profile && Send(service, profile->size, 0, profile->fd);
+    return sent && Receive(service, reply) && !W::get_client_profiler_mem(kModel) ? 0 : 2;
 }
 
 // Maps each device buffer it is given and writes every iteration's DD_ROOT, FW and HW durations.
 int Driver(int service) {
     static const uint32_t kDurations[kOps + 1][3] = {{}, {30, 20, 12}, {24, 16, 9}};
-    Packet packet;
+    uint64_t packet[2];
     for (uint64_t op = 1; op <= kOps; ++op) {
-        unique_fd fd;
-        if (!Receive(service, &packet, &fd)) return 1;
-        void* va = mmap(nullptr, packet.what, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+        android::base::unique_fd fd;
+        if (!Receive(service, packet, &fd)) return 1;
+        void* va = mmap(nullptr, packet[0], PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
         if (va == MAP_FAILED) return 2;
-        const uint32_t* d = kDurations[packet.op];
         for (uint64_t k = 0; k < kIterations; ++k)
-            WriteDevice(va, kIterations * 8, k, d[0], d[1], d[2]);
+            WriteDevice(va, kIterations * 8, k, kDurations[op][0], kDurations[op][1],
+                        kDurations[op][2]);
     }
     return 0;
-}
-
-pid_t Fork(int (*role)(int), int sock, int other) {
-    return zel_test::ForkChild([=] {
-        close(other);
-        return role(sock);
-    });
 }
 
 // The service's side. Returns the stages of the merged report's summary, with the numbers of the
@@ -110,8 +94,8 @@ std::string Service() {
         return "socketpair failed";
     }
     // Both start before the service's profiler exists, so neither inherits it.
-    const pid_t driver = Fork(Driver, driver_pair[1], client_pair[1]);
-    const pid_t client = Fork(Client, client_pair[1], driver_pair[1]);
+    const pid_t driver = zel_test::ForkChild([&] { return Driver(driver_pair[1]); });
+    const pid_t client = zel_test::ForkChild([&] { return Client(client_pair[1]); });
     close(client_pair[1]);
     close(driver_pair[1]);
     const int to_client = client_pair[0], to_driver = driver_pair[0];
@@ -121,11 +105,11 @@ std::string Service() {
         DeviceProfileInfo info{};
         W::create_device_profiler(kModel, op, info);
         if (info.enable != 1 || info.split_offset != kIterations * 8) return "bad device info";
-        Send(to_driver, {info.size, op}, info.fd);
+        Send(to_driver, info.size, op, info.fd);
     }
-    Packet request;
+    uint64_t request[2];
     for (uint64_t i = 0; i < kIterations; ++i) {
-        if (!Receive(to_client, &request) || request.what != i) return "client went away";
+        if (!Receive(to_client, request) || request[0] != i) return "client went away";
         W::profile_from(kModel, SERVICE, 0, i);
         for (uint64_t op = 1; op <= kOps; ++op) {
             W::profile_from(kModel, DD, op, i);
@@ -136,23 +120,23 @@ std::string Service() {
             W::profile_until(kModel, DD, op, i);
         }
         W::profile_until(kModel, SERVICE, 0, i);
-        Send(to_client, request);
+        Send(to_client, i);
     }
-    unique_fd profile_fd;
-    if (!Receive(to_client, &request, &profile_fd)) return "no client profile";
+    android::base::unique_fd profile_fd;
+    if (!Receive(to_client, request, &profile_fd)) return "no client profile";
     {
         zel::memory::MemoryManager memory;
-        const auto size = static_cast<uint32_t>(request.what);
+        const auto size = static_cast<uint32_t>(request[0]);
         zel::memory::Buffer::sptr buffer = memory.import_memory(profile_fd.get(), size, size, 0);
         const auto* header = static_cast<const ClientProfileHeader*>(buffer->va);
-        if (header->model_id != kModel) return "wrong model id in the client profile";
-        if (W::merge_rawdata_mem_to_profiler(
+        if (header->model_id != kModel ||
+            W::merge_rawdata_mem_to_profiler(
                     kModel, static_cast<uint8_t*>(buffer->va) + 24, static_cast<int>(size - 24),
                     static_cast<int>(header->num_iter), static_cast<int>(header->num_label)) != 0) {
             return "client merge failed";
         }
     }
-    Send(to_client, request);
+    Send(to_client, 0);
     if (!zel_test::WaitChild(client) || !zel_test::WaitChild(driver)) return "a child failed";
     for (uint64_t op = 1; op <= kOps; ++op)
         W::merge_device_profiler_to_main_profiler(kModel, op);
@@ -189,13 +173,12 @@ TEST(ProfilerFlowTest, ClientServiceAndDeviceProfilesMergeAcrossProcesses) {
 // client merge leaves the registry as it was.
 TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
     const std::string result = zel_test::RunInChild([] {
-        constexpr uint64_t kBadOps = 4;
         W::initialize(PROFILE_ON, 3);
         // The service's profile: SERVICE around DD_1 .. DD_4, each DD stage 50 us long.
         std::vector<ZelProfileData> stages;
         for (uint64_t i = 0, base = 1000; i < 3; ++i, base += 1000) {
             stages.push_back({START, SERVICE, 0, i, base});
-            for (uint64_t op = 1; op <= kBadOps; ++op) {
+            for (uint64_t op = 1; op <= 4; ++op) {
                 stages.push_back({START, DD, op, i, base + 100 * op});
                 stages.push_back({END, DD, op, i, base + 100 * op + 50});
             }
@@ -203,8 +186,8 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
         }
         ZelProfiler* service = new ZelProfiler(kModel, stages.data(), 1200, 3, 3, 10);
         W::profilerMap_[kModel] = service;
-        DeviceProfileInfo info[kBadOps + 1] = {};
-        for (uint64_t op = 1; op <= kBadOps; ++op)
+        DeviceProfileInfo info[5] = {};
+        for (uint64_t op = 1; op <= 4; ++op)
             W::create_device_profiler(kModel, op, info[op]);
         // 1: four iterations for a limit of three, all inside the buffer; 2: a label outside the
         // tree; 3: num_iter beyond the buffer; 4: empty slots, which bind to the tree's root and
@@ -216,10 +199,9 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
         const uint64_t counts[] = {4, 100, 1};
         for (uint64_t op : {1, 3, 4})
             memcpy(info[op].va, &counts[op / 2], 8);
-
         zel_test::LogCapture log;
         std::string codes;
-        for (uint64_t op = 1; op <= kBadOps; ++op) {
+        for (uint64_t op = 1; op <= 4; ++op) {
             try {
                 W::merge_device_profiler_to_main_profiler(kModel, op);
                 codes += "-";
@@ -232,48 +214,43 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
             if (service->rawdata[r].label >= DD_ROOT && service->rawdata[r].label <= HW)
                 codes += " " + std::to_string(service->rawdata[r].timestamp - 1100);
         }
-        const ZelProfileData client[] = {{START, API, 0, 0, 10},
-                                         {START, CLIENT, 0, 0, 20},
-                                         {END, CLIENT, 0, 0, 30},
-                                         {END, API, 0, 0, 40}};
+        ZelProfileData client[] = {{START, API, 0, 0, 10},
+                                   {START, CLIENT, 0, 0, 20},
+                                   {END, CLIENT, 0, 0, 30},
+                                   {END, API, 0, 0, 40}};
         codes += " ";
         for (const auto& [size, iterations] : {std::pair{160, 2}, {-1, 1}, {160, -1}})
-            codes += std::to_string(W::merge_rawdata_mem_to_profiler(
-                    kModel, const_cast<ZelProfileData*>(client), size, iterations, 4));
+            codes += std::to_string(
+                    W::merge_rawdata_mem_to_profiler(kModel, client, size, iterations, 4));
         // Records queued after raw data exist make the client profile's finalize fail.
-        ZelProfiler late(kModel, const_cast<ZelProfileData*>(client), 160, 10, 1, 4);
+        ZelProfiler late(kModel, client, 160, 10, 1, 4);
         late.add_record_start(API, 0, 0);
         codes += std::to_string(W::merge_client_service_profilers(kModel, &late));
         std::string text;
         for (const std::string& line : log.messages()) {
             if (line.rfind("2.1.17: * ", 0) == 0 &&
                 !std::regex_search(line, std::regex("Finalize|Found|Cannot merge|show flag")))
-                text += line;
+                text += line.substr(8);
         }
         return text + codes + " left " + std::to_string(W::deviceProfilerMap_.size()) +
                (W::profilerMap_.at(kModel) == service ? " kept " : " replaced ") +
                std::to_string(service->num_label) + (service->show_flag ? " shown" : "");
     });
-    EXPECT_EQ(Line("* Wrong merge usage. iter diff. (4) vs (3)\n") +
-                      Line("* Fail to find node(API:25) in tree.\n") +
-                      Line("* Fail to fill index\n") +
-                      Line("* Fail to fill_offset_ingredient_treer\n") +
-                      Line("* Fail to merge child(0x2\n") +
-                      Line("* Device num_iter(100) beyond the buffer. size(152)\n") +
-                      Line("* Fail to convert_to_rawdata\n") + Line("* Fail to merge child(0x3\n") +
-                      Line("* No device slot for label(DD_ROOT)\n") +
-                      Line("* Fail to convert_to_rawdata\n") + Line("* Fail to merge child(0x4\n") +
-                      Line("* Client profile counts disagree with its size. size(160) num_iter(2) "
-                           "num_label(4)\n") +
-                      Line("* Client profile counts disagree with its size. size(-1) num_iter(1) "
-                           "num_label(4)\n") +
-                      Line("* Client profile counts disagree with its size. size(160) "
-                           "num_iter(-1) num_label(4)\n") +
-                      Line("* Wrong flow. We already have rawdata\n") +
-                      Line("* Fail to process queue data to rawdata.(default)\n") +
-                      Line("* Fail to finalize profilerFromClient at merge stage\n") +
-                      "-TTT 0 0 0 12 20 30 1111 left 0 kept 16 shown",
-              result);
+    EXPECT_EQ(
+            "* Wrong merge usage. iter diff. (4) vs (3)\n* Fail to find node(API:25) in tree.\n"
+            "* Fail to fill index\n* Fail to fill_offset_ingredient_treer\n"
+            "* Fail to merge child(0x2\n* Device num_iter(100) beyond the buffer. size(152)\n"
+            "* Fail to convert_to_rawdata\n* Fail to merge child(0x3\n"
+            "* No device slot for label(DD_ROOT)\n* Fail to convert_to_rawdata\n"
+            "* Fail to merge child(0x4\n"
+            "* Client profile counts disagree with its size. size(160) num_iter(2) num_label(4)\n"
+            "* Client profile counts disagree with its size. size(-1) num_iter(1) num_label(4)\n"
+            "* Client profile counts disagree with its size. size(160) num_iter(-1) num_label(4)\n"
+            "* Wrong flow. We already have rawdata\n"
+            "* Fail to process queue data to rawdata.(default)\n"
+            "* Fail to finalize profilerFromClient at merge stage\n"
+            "-TTT 0 0 0 12 20 30 1111 left 0 kept 16 shown",
+            result);
 }
 
 }  // namespace
