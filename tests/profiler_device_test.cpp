@@ -23,12 +23,12 @@ void Write(ZelDeviceProfiler& device, uint64_t k,
            const std::vector<std::pair<ProfileLabel, uint32_t>>& fw) {
     auto* va = static_cast<uint8_t*>(device.device_memory->va);
     for (size_t i = 0; i < dd.size() + fw.size(); ++i) {
-        const auto& slot = i < dd.size() ? dd[i] : fw[i - dd.size()];
-        const DeviceProfilerData entry{static_cast<uint16_t>(slot.first), 3, slot.second};
+        const bool in_dd = i < dd.size();
+        const auto& [label, duration] = in_dd ? dd[i] : fw[i - dd.size()];
+        const DeviceProfilerData entry{static_cast<uint16_t>(label), 3, duration};
         memcpy(va + 8 +
-                       (i < dd.size() ? k * dd.size() + i
-                                      : device.split_offset_ / 8 + k * fw.size() + i - dd.size()) *
-                               8,
+                       (in_dd ? (k * dd.size() + i) * 8
+                              : device.split_offset_ + (k * fw.size() + i - dd.size()) * 8),
                &entry, 8);
     }
     const uint64_t num_iter = k + 1;

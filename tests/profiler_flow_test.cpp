@@ -132,7 +132,8 @@ std::string Service() {
         if (header->model_id != kModel ||
             W::merge_rawdata_mem_to_profiler(
                     kModel, static_cast<uint8_t*>(buffer->va) + 24, static_cast<int>(size - 24),
-                    static_cast<int>(header->num_iter), static_cast<int>(header->num_label)) != 0) {
+                    static_cast<int>(header->num_iter), static_cast<int>(header->num_label)) != 0 ||
+            !W::profilerMap_.at(kModel)->show_flag) {
             return "client merge failed";
         }
     }
