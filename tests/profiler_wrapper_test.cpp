@@ -32,12 +32,18 @@ std::string Hex(uint64_t value) {
 // service each side prints its own data; the service prints alone only when neither the client nor
 // the driver take part. Bits are computed even with PROFILE_ON clear; a second initialize adds.
 TEST(ProfilerWrapperTest, LabelMaskAndPrintFlagsFollowTheMode) {
-    // Modes given to initialize, then: device profilers made, mask, print flags of client,
-    // service and device, fast track. None is made while off or skipping the driver.
-    const char* const cases[] = {
-            "1",  "10x3d6a000 000",      "3",  "10x3fff000 000", "d",     "10x0 001",
-            "9",  "10x3000000 101",      "19", "00x3000000 100", "15",    "00xd6a000 010",
-            "41", "10x3d6a000 000 fast", "20", "00x3d6a000 000", "1 9 3", "10x3fff000 101"};
+    // Modes given to initialize, then: the mode tests (on, detail, skip client, service, driver,
+    // fast track), device profilers made (none while off or skipping the driver), mask, print
+    // flags of client, service and device, fast track.
+    const char* const cases[] = {"1",     "100000 1 0x3d6a000 000",
+                                 "3",     "110000 1 0x3fff000 000",
+                                 "d",     "101100 1 0x0 001",
+                                 "9",     "100100 1 0x3000000 101",
+                                 "19",    "100110 0 0x3000000 100",
+                                 "15",    "101010 0 0xd6a000 010",
+                                 "41",    "100001 1 0x3d6a000 000 fast",
+                                 "20",    "000000 0 0x3d6a000 000",
+                                 "1 9 3", "110000 1 0x3fff000 101"};
     for (size_t c = 0; c < std::size(cases); c += 2) {
         EXPECT_EQ(cases[c + 1], zel_test::RunInChild([&] {
                       std::istringstream modes(cases[c]);
@@ -45,8 +51,13 @@ TEST(ProfilerWrapperTest, LabelMaskAndPrintFlagsFollowTheMode) {
                           W::initialize(mode, 0);
                       DeviceProfileInfo info{};
                       W::create_device_profiler(1, 1, info);
-                      return std::to_string(W::deviceProfilerMap_.size()) + Hex(W::labelMask_) +
-                             " " + std::to_string(W::printFlagClient_) +
+                      std::string bits;  // the mode tests, off and on alike
+                      for (bool on : {W::get_profiler_flag(), W::get_profiler_detail_flag(),
+                                      W::is_mode_skip_client(), W::is_mode_skip_service(),
+                                      W::is_mode_skip_dd(), W::is_mode_fasttrack()})
+                          bits += on ? "1" : "0";
+                      return bits + " " + std::to_string(W::deviceProfilerMap_.size()) + " " +
+                             Hex(W::labelMask_) + " " + std::to_string(W::printFlagClient_) +
                              std::to_string(W::printFlagService_) +
                              std::to_string(W::printFlagDevice_) + (W::fastTrack_ ? " fast" : "");
                   }))
@@ -108,6 +119,7 @@ TEST(ProfilerWrapperTest, RegistryRecordingRemovalAndExport) {
         zel_test::LogCapture log;
         W::profile_from(3, TOTAL, 0, 0);
         W::profile_until(3, HW, 0, 0);
+        W::profile_from(3, static_cast<ProfileLabel>(70), 0, 0);  // beyond the mask's bits
         for (uint64_t i = 0; i < 2; ++i) {
             W::profile_from(3, SERVICE, 0, i);
             W::profile_from(3, ENGINE, 5, i);
@@ -124,8 +136,8 @@ TEST(ProfilerWrapperTest, RegistryRecordingRemovalAndExport) {
         W::set_profiler_show_flag(99, true);
         W::remove_profiler(99);
         W::profile_from(99, SERVICE, 0, 0);
-        const uint64_t unknown_iterations = W::get_profiler_iteration(99);  // logs: sequenced
-        text += " " + std::to_string(unknown_iterations) +
+        const uint64_t unknown = W::get_profiler_iteration(99) + W::get_profiler_num_label(99);
+        text += " " + std::to_string(unknown) +
                 std::to_string(log.contains(Line("  No profiler to set show flag."))) +
                 std::to_string(log.contains(Line("  No profiler to remove."))) +
                 std::to_string(log.count(Line("* No profiler registered for modelId(0x63)\n")));
@@ -144,7 +156,7 @@ TEST(ProfilerWrapperTest, RegistryRecordingRemovalAndExport) {
         return text + std::to_string(log.count(Line("* print result of iter(0~0)\n"))) +
                std::to_string(W::profilerMap_.size());
     });
-    EXPECT_EQ("kept service 8 24 /data/vendor/zel/profile_rawdata_3.bin 320 0112 11110", result);
+    EXPECT_EQ("kept service 8 24 /data/vendor/zel/profile_rawdata_3.bin 320 0113 11110", result);
 }
 
 }  // namespace
