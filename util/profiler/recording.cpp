@@ -64,10 +64,10 @@ uint64_t Mix(uint64_t x) {
 // that the stages line up with the scheduler, the clocks and the driver in one timeline. Async
 // sections, because a stage may end on another thread than the one that began it. The name is
 // the stage as the reports print it; the cookie pairs a start with its end and keeps stages that
-// are open at the same time apart. Off, this costs one read of the enabled tags.
-void TraceRecord(ProfileRecordType type, ProfilerLabelType label, ProfilerKeyType labelPostfix,
-                 ProfilerKeyType iterKey) {
-    if (CC_LIKELY(!atrace_is_tag_enabled(ATRACE_TAG_NNAPI))) return;
+// are open at the same time apart. Kept out of line: the record path only tests the category.
+__attribute__((noinline, cold)) void EmitSection(ProfileRecordType type, ProfilerLabelType label,
+                                                 ProfilerKeyType labelPostfix,
+                                                 ProfilerKeyType iterKey) {
     char name[64];
     const char* stage = ZelProfiler::labelToString(label);
     if (labelPostfix != 0) {
@@ -83,6 +83,13 @@ void TraceRecord(ProfileRecordType type, ProfilerLabelType label, ProfilerKeyTyp
     } else {
         atrace_async_end(ATRACE_TAG_NNAPI, name, cookie);
     }
+}
+
+// With the category off this costs one read of the enabled tags.
+inline void TraceRecord(ProfileRecordType type, ProfilerLabelType label,
+                        ProfilerKeyType labelPostfix, ProfilerKeyType iterKey) {
+    if (CC_UNLIKELY(atrace_is_tag_enabled(ATRACE_TAG_NNAPI)))
+        EmitSection(type, label, labelPostfix, iterKey);
 }
 
 }  // namespace
