@@ -10,9 +10,9 @@
  * j)*8 with split_offset_ = M*8*D; the buffer holds 8 + M*8*2(D+F) bytes, zeroed at construction.
  * Each entry is a DeviceProfilerData; an all-zero entry is an empty slot.
  *
- * The buffer is written by another component and is not trusted: a num_iter beyond the limit or
- * beyond the buffer, or slots whose labels do not fit the tree, fail the conversion with a "* "
- * error line instead of reading outside the buffer.
+ * The buffer is written by another component and is not trusted: a num_iter beyond the buffer,
+ * or slots whose labels do not fit the tree, fail the conversion (and stop the debug dump) with a
+ * "* " error line instead of reading outside the buffer.
  */
 #pragma once
 
@@ -82,7 +82,7 @@ class ZelDeviceProfiler : public ZelProfiler {
     // Binds each slot to its tree node by the labels of iteration 0. 0, or 1 when a slot's label
     // has no node.
     ZelReturn fill_offset_ingredient_tree();
-    // Takes the iteration count from the buffer (refused beyond the limit or the buffer).
+    // Takes the iteration count from the buffer as the driver wrote it.
     void update_num_iteration();
     // Debug dump of the buffer.
     void show_dev_output();
@@ -91,14 +91,22 @@ class ZelDeviceProfiler : public ZelProfiler {
     // Writes 2(D+F) records per iteration, each iteration starting at time 0; marks the
     // timestamps relative to the docking stage. 0 or 1.
     ZelReturn convert_to_rawdata();
+    // Records of `node`'s subtree for one iteration, from raw-data position `index` on. 0, or 1
+    // (logged) when a record would fall outside the raw data or an entry outside the buffer.
     ZelReturn fill_rawdata_entry(int depth, int& index, int iteration,
                                  std::shared_ptr<IngredientNode> node, int& time);
 
   private:
+    // Whole iterations of `slots` entries between `base` and the end of the device buffer.
+    uint64_t readable_iterations(const uint8_t* base, int slots) const;
     // Whether `iterations` iterations of both areas lie inside the device buffer.
     bool areas_fit(uint64_t iterations) const;
-    // Reads the driver's num_iter; false (logged) when it lies beyond the limit or the buffer.
-    bool driver_num_iter(uint64_t* written) const;
+    // Whether num_iter iterations of the bound tree can be converted (logged when not).
+    bool convertible() const;
+    // Whether raw-data position `index` exists (logged when not).
+    bool record_slot_ok(int index) const;
+    // The node's entry for `iteration`, or null when it does not lie inside the buffer.
+    const uint8_t* entry_in_buffer(const IngredientNode& node, int iteration) const;
 };
 
 }  // namespace util

@@ -142,17 +142,21 @@ std::shared_ptr<IngredientNode> ZelDeviceProfiler::find_node_in_ingredient_tree(
     return nullptr;
 }
 
+uint64_t ZelDeviceProfiler::readable_iterations(const uint8_t* base, int slots) const {
+    if (device_memory == nullptr || slots <= 0) return 0;
+    const auto* const va = static_cast<const uint8_t*>(device_memory->va);
+    const uint64_t begin = static_cast<uint64_t>(base - va);
+    if (begin > device_memory->size) return 0;
+    return (device_memory->size - begin) / (static_cast<uint64_t>(slots) * kEntrySize);
+}
+
 bool ZelDeviceProfiler::areas_fit(uint64_t iterations) const {
     if (device_memory == nullptr) return false;
-    const uint64_t size = device_memory->size;
-    if (size < kHeaderSize) return false;
-    const uint64_t room = size - kHeaderSize;
-    const uint64_t dd_entries = static_cast<uint64_t>(num_dd_labels);
-    const uint64_t fw_entries = static_cast<uint64_t>(num_fw_labels);
+    if (device_memory->size < kHeaderSize || split_offset_ > device_memory->size) return false;
     if (iterations == 0) return true;
-    if (iterations > room / kEntrySize / dd_entries) return false;
-    if (split_offset_ > room) return false;
-    return iterations <= (room - split_offset_) / kEntrySize / fw_entries;
+    auto* const dd = static_cast<const uint8_t*>(device_memory->va) + kHeaderSize;
+    return iterations <= readable_iterations(dd, num_dd_labels) &&
+           iterations <= readable_iterations(dd + split_offset_, num_fw_labels);
 }
 
 ZelReturn ZelDeviceProfiler::fill_offset_ingredient_tree() {
@@ -185,29 +189,17 @@ ZelReturn ZelDeviceProfiler::fill_offset_ingredient_tree() {
     return 0;
 }
 
-bool ZelDeviceProfiler::driver_num_iter(uint64_t* written) const {
-    if (device_memory == nullptr) return false;
-    *written = read_u64(static_cast<const uint8_t*>(device_memory->va));
-    // The count comes from the driver: adopting more iterations than the buffer holds would make
-    // every later step read past it.
-    if (*written > maxIter || !areas_fit(*written)) {
-        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
-                "* Device num_iter(%lu) beyond the buffer. max_iter(%lu) size(%u)\n", *written,
-                maxIter, device_memory->size);
-        return false;
-    }
-    return true;
-}
-
 void ZelDeviceProfiler::update_num_iteration() {
-    uint64_t written = 0;
-    if (driver_num_iter(&written)) num_iter = written;
+    // Taken as the driver wrote it: the steps that read by it refuse iterations that lie
+    // beyond the buffer.
+    if (device_memory != nullptr)
+        num_iter = read_u64(static_cast<const uint8_t*>(device_memory->va));
 }
 
 void ZelDeviceProfiler::show_dev_output() {
     ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  Print device profiler output! num_iter(%lu)\n", num_iter);
     if (device_memory == nullptr || !zel::debug::check_print_mask(ZONE_DBG, PRINT_TRACE) ||
-        !areas_fit(num_iter)) {
+        split_offset_ > device_memory->size) {
         return;
     }
     auto* const va = static_cast<uint8_t*>(device_memory->va);
@@ -222,7 +214,15 @@ void ZelDeviceProfiler::show_dev_output() {
                            va + kHeaderSize + split_offset_, num_fw_labels}};
     for (const Area& area : areas) {
         ZEL_LOG(ZONE_DBG, PRINT_TRACE, "%s", area.title);
+        const uint64_t readable = readable_iterations(area.base, area.slots);
         for (uint64_t k = 0; k < num_iter; ++k) {
+            if (k >= readable) {
+                // The driver's count runs past the buffer; what lies beyond is not ours to read.
+                ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
+                        "* Device num_iter(%lu) beyond the buffer. size(%u)\n", num_iter,
+                        device_memory->size);
+                return;
+            }
             for (int i = 0; i < area.slots; ++i) {
                 const uint8_t* at = area.base + (k * area.slots + i) * kEntrySize;
                 const uint64_t raw = read_u64(at);
@@ -234,9 +234,7 @@ void ZelDeviceProfiler::show_dev_output() {
 }
 
 ZelReturn ZelDeviceProfiler::preprocess_device_data_to_rawdata() {
-    uint64_t written = 0;
-    if (!driver_num_iter(&written)) return 1;
-    num_iter = written;
+    update_num_iteration();
     show_dev_output();
     generate_ingredient_tree();
     if (fill_offset_ingredient_tree() != 0) {
@@ -251,35 +249,24 @@ ZelReturn ZelDeviceProfiler::preprocess_device_data_to_rawdata() {
 }
 
 ZelReturn ZelDeviceProfiler::convert_to_rawdata() {
-    // A slot label bound twice, or an empty slot binding the root, leaves a node without its
-    // entries; converting it would read through a null base.
-    std::vector<std::shared_ptr<IngredientNode>> pending;
-    if (num_iter != 0) pending.push_back(ingredient_root);
-    while (!pending.empty()) {
-        std::shared_ptr<IngredientNode> node = pending.back();
-        pending.pop_back();
-        if (node == nullptr) {
-            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* No ingredient tree to convert\n");
-            return 1;
-        }
-        if (node->label != TOTAL && node->base == nullptr) {
-            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* No device slot for label(%s)\n",
-                    name_of(node->label));
-            return 1;
-        }
-        for (const auto& child : node->children)
-            pending.push_back(child);
-    }
-    if (!areas_fit(num_iter)) {
-        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Device num_iter(%lu) beyond the buffer\n", num_iter);
-        return 1;
-    }
-
-    const size_t count = num_iter * static_cast<size_t>(num_dd_labels + num_fw_labels) * 2 *
-                         sizeof(ZelProfileData);
-    auto* converted = static_cast<ZelProfileData*>(calloc(count == 0 ? 1 : count, 1));
+    // A count whose byte size does not fit in size_t cannot be allocated either.
+    const uint64_t per_iteration =
+            static_cast<uint64_t>(num_dd_labels + num_fw_labels) * 2 * sizeof(ZelProfileData);
+    const bool representable = num_iter <= SIZE_MAX / per_iteration;
+    const size_t count = representable ? num_iter * per_iteration : SIZE_MAX;
+    auto* converted = representable
+                              ? static_cast<ZelProfileData*>(calloc(count == 0 ? 1 : count, 1))
+                              : nullptr;
     if (converted == nullptr) {
         ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to alloc rawdata mem. size(%zu)\n", count);
+        return 1;
+    }
+    // What the driver wrote is checked before it is converted, so that a refused conversion
+    // leaves the profiler's raw data as it was: a count beyond the buffer, or a node without its
+    // entries (a slot label bound twice, or an empty slot binding the root), would read past the
+    // buffer or through a null base.
+    if (num_iter != 0 && !convertible()) {
+        free(converted);
         return 1;
     }
     free(rawdata);
@@ -288,10 +275,35 @@ ZelReturn ZelDeviceProfiler::convert_to_rawdata() {
     int index = 0;
     for (uint64_t k = 0; k < num_iter; ++k) {
         int time = 0;
-        fill_rawdata_entry(0, index, static_cast<int>(k), ingredient_root, time);
+        if (fill_rawdata_entry(0, index, static_cast<int>(k), ingredient_root, time) != 0) return 1;
     }
     relative_timestamp = true;
     return 0;
+}
+
+bool ZelDeviceProfiler::convertible() const {
+    if (!areas_fit(num_iter)) {
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Device num_iter(%lu) beyond the buffer. size(%u)\n",
+                num_iter, device_memory != nullptr ? device_memory->size : 0);
+        return false;
+    }
+    std::vector<std::shared_ptr<IngredientNode>> pending{ingredient_root};
+    while (!pending.empty()) {
+        std::shared_ptr<IngredientNode> node = pending.back();
+        pending.pop_back();
+        if (node == nullptr) {
+            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* No ingredient tree to convert\n");
+            return false;
+        }
+        if (node->label != TOTAL && node->base == nullptr) {
+            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* No device slot for label(%s)\n",
+                    name_of(node->label));
+            return false;
+        }
+        for (const auto& child : node->children)
+            pending.push_back(child);
+    }
+    return true;
 }
 
 ZelReturn ZelDeviceProfiler::fill_rawdata_entry(int depth, int& index, int iteration,
@@ -299,22 +311,30 @@ ZelReturn ZelDeviceProfiler::fill_rawdata_entry(int depth, int& index, int itera
     const std::string indent =
             "*" + std::string(depth > 0 ? 2 * static_cast<size_t>(depth) : 0, '*');
     int start = time;
+    if (node == nullptr) {
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* No ingredient node to convert\n");
+        return 1;
+    }
     const bool measured = node->label != TOTAL;
     if (measured) {
+        if (!record_slot_ok(index)) return 1;
         rawdata[index++] = {START, static_cast<int64_t>(node->label), key, 0,
                             static_cast<uint64_t>(static_cast<int64_t>(start))};
         ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  %s START(%s) time(%lu)\n", indent.c_str(),
                 name_of(node->label), static_cast<uint64_t>(static_cast<int64_t>(start)));
     }
     for (const auto& child : node->children) {
-        fill_rawdata_entry(depth + 1, index, iteration, child, start);
+        if (fill_rawdata_entry(depth + 1, index, iteration, child, start) != 0) return 1;
         ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  %s start_timestamp_shared:%d\n", indent.c_str(), start);
     }
     if (measured) {
-        const uint8_t* entry =
-                node->base +
-                static_cast<uint64_t>(iteration) * static_cast<uint64_t>(node->iterOffset) +
-                static_cast<uint64_t>(node->offset);
+        const uint8_t* entry = entry_in_buffer(*node, iteration);
+        if (entry == nullptr) {
+            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* No device entry for label(%s) iteration(%d)\n",
+                    name_of(node->label), iteration);
+            return 1;
+        }
+        if (!record_slot_ok(index)) return 1;
         uint32_t duration = read_entry(entry).duration;
         if (duration == kNoDuration) duration = 0;
         // 32-bit arithmetic on purpose: device times wrap like the driver's counters.
@@ -326,6 +346,31 @@ ZelReturn ZelDeviceProfiler::fill_rawdata_entry(int depth, int& index, int itera
                 indent.c_str(), name_of(node->label), static_cast<uint64_t>(end), time);
     }
     return 0;
+}
+
+bool ZelDeviceProfiler::record_slot_ok(int index) const {
+    if (rawdata != nullptr && index >= 0 &&
+        static_cast<uint64_t>(index) < rawdata_size / sizeof(ZelProfileData)) {
+        return true;
+    }
+    ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* No raw data slot for record(%d). rawdata(%p) size(%lu)\n",
+            index, static_cast<void*>(rawdata), rawdata_size);
+    return false;
+}
+
+const uint8_t* ZelDeviceProfiler::entry_in_buffer(const IngredientNode& node, int iteration) const {
+    if (device_memory == nullptr || node.base == nullptr || iteration < 0 || node.iterOffset < 0 ||
+        node.offset < 0) {
+        return nullptr;
+    }
+    const auto* const va = static_cast<const uint8_t*>(device_memory->va);
+    if (node.base < va || static_cast<uint64_t>(node.base - va) > device_memory->size)
+        return nullptr;
+    const uint64_t at = static_cast<uint64_t>(node.base - va) +
+                        static_cast<uint64_t>(iteration) * static_cast<uint64_t>(node.iterOffset) +
+                        static_cast<uint64_t>(node.offset);
+    if (at > device_memory->size || device_memory->size - at < kEntrySize) return nullptr;
+    return va + at;
 }
 
 }  // namespace util

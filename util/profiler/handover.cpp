@@ -143,7 +143,7 @@ void ZelProfilerWrapper::merge_device_profiler_to_main_profiler(ProfilerKeyType 
     }
     std::shared_ptr<ZelProfiler> device = found->second;
     // The result is not needed here: a conversion that failed leaves nothing to finalize, and
-    // the checks below keep such a profile out of the merge.
+    // the merge below refuses such a profile.
     static_cast<ZelDeviceProfiler*>(device.get())->preprocess_device_data_to_rawdata();
     if (device->finalize() != 0) {
         ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to finalize device profiler\n");
@@ -169,13 +169,8 @@ void ZelProfilerWrapper::merge_device_profiler_to_main_profiler(ProfilerKeyType 
         return;
     }
     parent->set_leaf_docking_point({DD, device->key});
-    // What the driver wrote could not be converted (or it wrote nothing): there is no device
-    // profile to dock, and the service's own profile stays as it is.
-    if (!device->finalized) {
-        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* No device profile to merge for op(0x%lx)\n",
-                device->key);
-        return;
-    }
+    // A device profile that could not be converted (or is empty) fails here like any other
+    // merge, and the caller hears of it.
     if (parent->merge(device.get()) != 0) {
         ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to merge child(0x%lx\n", device->key);
         throw std::runtime_error("finalize fail\n");

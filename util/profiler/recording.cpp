@@ -1,5 +1,8 @@
 // ZelProfiler construction, stage nodes and the recording path.
+#include <cutils/trace.h>
+
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -31,21 +34,62 @@ inline uint64_t now_us() {
 }
 
 // The measured path: one clock reading and one append, under the queue's lock unless the
-// profiler records from a single thread (fast track).
-void QueueRecord(ZelProfiler& profiler, ProfileRecordType type, ProfilerLabelType label,
+// profiler records from a single thread (fast track). False when the record is refused.
+bool QueueRecord(ZelProfiler& profiler, ProfileRecordType type, ProfilerLabelType label,
                  ProfilerKeyType labelPostfix, ProfilerKeyType iterKey) {
     if (profiler.finalized) {
         ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
                 "* Cannot add new profile data after finalized. label(%ld)\n",
                 static_cast<long>(label));
-        return;
+        return false;
     }
     if (profiler.fastTrack) {
         profiler.queue.push_back({type, label, labelPostfix, iterKey, now_us()});
-        return;
+        return true;
     }
     std::lock_guard<std::mutex> lock(profiler.queue_mutex);
     profiler.queue.push_back({type, label, labelPostfix, iterKey, now_us()});
+    return true;
+}
+
+uint64_t Mix(uint64_t x) {
+    x ^= x >> 30;
+    x *= 0xbf58476d1ce4e5b9ULL;
+    x ^= x >> 27;
+    x *= 0x94d049bb133111ebULL;
+    return x ^ (x >> 31);
+}
+
+// Every accepted record is also a section of the system trace while its NNAPI category is on, so
+// that the stages line up with the scheduler, the clocks and the driver in one timeline. Async
+// sections, because a stage may end on another thread than the one that began it. The name is
+// the stage as the reports print it; the cookie pairs a start with its end and keeps stages that
+// are open at the same time apart. Kept out of line: the record path only tests the category.
+__attribute__((noinline, cold)) void EmitSection(ProfileRecordType type, ProfilerLabelType label,
+                                                 ProfilerKeyType labelPostfix,
+                                                 ProfilerKeyType iterKey) {
+    char name[64];
+    const char* stage = ZelProfiler::labelToString(label);
+    if (labelPostfix != 0) {
+        snprintf(name, sizeof(name), "%s_0x%lx", stage, labelPostfix);
+    } else {
+        snprintf(name, sizeof(name), "%s", stage);
+    }
+    const uint64_t hash = Mix(
+            Mix(Mix(static_cast<uint64_t>(static_cast<uint32_t>(label))) ^ labelPostfix) ^ iterKey);
+    const auto cookie = static_cast<int32_t>(static_cast<uint32_t>(hash ^ (hash >> 32)));
+    if (type == START) {
+        atrace_async_begin(ATRACE_TAG_NNAPI, name, cookie);
+    } else {
+        atrace_async_end(ATRACE_TAG_NNAPI, name, cookie);
+    }
+}
+
+// With the category off this costs one read of the enabled tags.
+inline void TraceRecord(ProfileRecordType type, ProfilerLabelType label,
+                        ProfilerKeyType labelPostfix, ProfilerKeyType iterKey) {
+    if (CC_UNLIKELY(atrace_is_tag_enabled(ATRACE_TAG_NNAPI)))
+        EmitSection(type, label, labelPostfix, iterKey);
 }
 
 }  // namespace
@@ -174,12 +218,14 @@ const char* ZelProfiler::labelToString(ProfileLabel label) {
 
 void ZelProfiler::add_record_start(ProfilerLabelType label, ProfilerKeyType labelPostfix,
                                    ProfilerKeyType iterKey) {
-    QueueRecord(*this, START, label, labelPostfix, iterKey);
+    if (QueueRecord(*this, START, label, labelPostfix, iterKey))
+        TraceRecord(START, label, labelPostfix, iterKey);
 }
 
 void ZelProfiler::add_record_end(ProfilerLabelType label, ProfilerKeyType labelPostfix,
                                  ProfilerKeyType iterKey) {
-    QueueRecord(*this, END, label, labelPostfix, iterKey);
+    if (QueueRecord(*this, END, label, labelPostfix, iterKey))
+        TraceRecord(END, label, labelPostfix, iterKey);
 }
 
 void ZelProfiler::add_record(ProfileRecordType type, ProfileLabel& label,

@@ -1,0 +1,105 @@
+// Stages as system-trace sections. This executable defines libcutils' trace entry points itself;
+// they take precedence over the library's (the host build's do nothing), so the tests can switch
+// categories on and see every section the profiler emits.
+#include <cutils/trace.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "util/zel_utils_profiler.h"
+
+namespace {
+std::atomic<uint64_t> g_tags{0};
+std::mutex g_mutex;
+std::vector<std::pair<std::string, int32_t>> g_sections;  // "+NAME" begins, "-NAME" ends
+
+void Emit(char kind, const char* name, int32_t cookie) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_sections.emplace_back(kind + std::string(name), cookie);
+}
+}  // namespace
+
+extern "C" {
+uint64_t atrace_get_enabled_tags() {
+    return g_tags.load();
+}
+void atrace_init() {}
+void atrace_async_begin_body(const char* name, int32_t cookie) {
+    Emit('+', name, cookie);
+}
+void atrace_async_end_body(const char* name, int32_t cookie) {
+    Emit('-', name, cookie);
+}
+}
+
+namespace {
+
+using namespace zel::util;
+
+// Two requests in flight: CLIENT around DD_0x1 per iteration, the second iteration's CLIENT ended
+// by another thread, then a record after finalize. Returns the sections and the log lines.
+std::pair<std::vector<std::pair<std::string, int32_t>>, std::vector<std::string>> Record(
+        uint64_t tags) {
+    g_tags = tags;
+    g_sections.clear();
+    zel_test::LogCapture log;
+    ZelProfiler profiler(1, 10, "service", false);
+    for (uint64_t i = 0; i < 2; ++i) {
+        profiler.add_record_start(CLIENT, 0, i);
+        profiler.add_record_start(DD, 1, i);
+        profiler.add_record_end(DD, 1, i);
+    }
+    profiler.add_record_end(CLIENT, 0, 0);
+    std::thread([&] { profiler.add_record_end(CLIENT, 0, 1); }).join();
+    EXPECT_EQ(8u, profiler.queue.size());
+    profiler.queue.clear();  // interleaved requests make no profile: finalize a plain one
+    for (uint64_t i = 0; i < 2; ++i) {
+        profiler.add_record_start(API, 0, i);
+        profiler.add_record_end(API, 0, i);
+    }
+    EXPECT_EQ(0, profiler.finalize());
+    EXPECT_TRUE(profiler.finalized);
+    profiler.add_record_start(SERVICE, 0, 0);
+    std::vector<std::string> lines;  // addresses differ from run to run
+    for (const std::string& line : log.messages())
+        lines.push_back(std::regex_replace(line, std::regex("0x[0-9a-f]+"), "P"));
+    return {g_sections, lines};
+}
+
+TEST(ProfilerAtraceTest, StagesBecomePairedSectionsOnlyWithTheNnapiCategory) {
+    const auto off = Record(0);
+    EXPECT_TRUE(off.first.empty());
+    // Every category but NNAPI: still nothing.
+    EXPECT_TRUE(
+            Record(ATRACE_TAG_VALID_MASK & ~static_cast<uint64_t>(ATRACE_TAG_NNAPI)).first.empty());
+
+    const auto on = Record(ATRACE_TAG_NNAPI);
+    EXPECT_EQ(off.second, on.second);  // the log is the same either way
+    std::vector<std::string> names;
+    for (const auto& section : on.first)
+        names.push_back(section.first);
+    // Nested as the stages are; nothing for the record refused after finalize.
+    EXPECT_EQ((std::vector<std::string>{"+CLIENT", "+DD_0x1", "-DD_0x1", "+CLIENT", "+DD_0x1",
+                                        "-DD_0x1", "-CLIENT", "-CLIENT", "+API", "-API", "+API",
+                                        "-API"}),
+              names);
+    // A begin pairs with its end (CLIENT of iteration 1 ended on another thread); stages open at
+    // the same time (another iteration, another label) keep apart.
+    const auto& s = on.first;
+    for (auto [begin, end] : {std::pair{1, 2}, {4, 5}, {0, 6}, {3, 7}, {8, 9}, {10, 11}})
+        EXPECT_EQ(s[begin].second, s[end].second) << s[begin].first;
+    for (auto [one, other] : {std::pair{0, 3}, {1, 4}, {0, 1}, {8, 10}})
+        EXPECT_NE(s[one].second, s[other].second) << s[one].first << s[other].first;
+    EXPECT_EQ(1, std::count(on.second.begin(), on.second.end(),
+                            zel_test::Line("* Cannot add new profile data after finalized. "
+                                           "label(23)\n")));
+}
+
+}  // namespace
