@@ -88,11 +88,41 @@ TEST_F(FileUtilsTest, ImportRangesWrapIn32Bits) {
     ASSERT_NE(nullptr, result);
     free(result);
     result = nullptr;
-    // A wrapped length that no block can hold is refused before anything is allocated.
-    EXPECT_EQ(1, import_file_to_mem(name, &result, nullptr, 0xFFFFFFFFu, 1));
-    EXPECT_EQ(nullptr, import_file_to_mem(name, &size, 0xFFFFFFFFu, 1));
+    // From 2^31 the image block (length + 1, signed) cannot be allocated and the read refuses the
+    // null block; at 0xFFFFFFFF it is empty, and the read into it is refused.
+    log.clear();
+    uint32_t loaded = 0;
+    EXPECT_EQ(3, import_file_to_mem(name, &result, &loaded, 0x80000000u, 0x80000000u));
+    EXPECT_EQ(0x80000000u, loaded);
     EXPECT_EQ(nullptr, result);
-    EXPECT_EQ(2u, log.count(Line("* Size(4294967295) does not fit a file image\n")));
+    EXPECT_EQ(3, import_file_to_mem(name, &result, &loaded, 0xFFFFFFFFu, 1));
+    EXPECT_EQ(0xFFFFFFFFu, loaded);
+    free(result);
+    EXPECT_EQ(nullptr, import_file_to_mem(name, &size, 0xFFFFFFFFu, 1));
+    const std::string warning =
+            MsgLine("*Result is nullptr, please use import_file_to_mem with smart pointer");
+    EXPECT_EQ((Lines{warning, Line("  output addr is null\n"), warning,
+                     Line("* Size(4294967295) does not fit a file image\n"),
+                     Line("* Size(4294967295) does not fit a file image\n")}),
+              log.messages());
+
+    // Null addresses and names are refused, not followed.
+    log.clear();
+    uint64_t value = 5;
+    ASSERT_EQ(0, setenv("ZEL_FILE_UTILS_TEST", "12", 1));
+    EXPECT_EQ(1, get_environment_variable_u64(nullptr, &value));
+    EXPECT_EQ(1, get_environment_variable_u64("ZEL_FILE_UTILS_TEST", nullptr));
+    EXPECT_EQ(0, get_environment_variable_u64("ZEL_FILE_UTILS_TEST", &value));
+    EXPECT_EQ(12u, value);
+    EXPECT_EQ(0, memory_compare(nullptr, nullptr, 0));
+    const char* a = "a";
+    char a_text[64];
+    snprintf(a_text, sizeof(a_text), "* memory_compare(), null address: a(%p), b(%p)\n",
+             static_cast<const void*>(a), nullptr);
+    EXPECT_EQ(1, memory_compare(a, nullptr, 1));
+    EXPECT_EQ((Lines{Line("* Environment variable name is nullptr\n"),
+                     Line("* No place for the value of ZEL_FILE_UTILS_TEST\n"), Line(a_text)}),
+              log.messages());
     EXPECT_EQ(fds, zel_test::CountOpenFds());
 }
 

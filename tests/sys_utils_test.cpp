@@ -98,6 +98,7 @@ TEST(SysUtils, ProbesOnAMemfd) {
     EXPECT_FALSE(is_valid_ion_buffer(fd.get(), 8192, "a", 0));
     EXPECT_FALSE(is_valid_ion_buffer(-1, 8192, same, 0));
     EXPECT_FALSE(is_valid_ion_buffer(fd.get(), 4096, same, 100));   // not page aligned
+    EXPECT_FALSE(is_valid_ion_buffer(fd.get(), 4096, same, 8193));  // the mapping itself fails
     EXPECT_FALSE(is_valid_ion_buffer(fd.get(), 4096, same, 8192));  // no page behind it
     EXPECT_EQ(0, MemFdMappings());
 
@@ -112,6 +113,8 @@ TEST(SysUtils, ProbesOnAMemfd) {
                      Line("* invalid parameters, fd:-1, size:8192, addr:" + Hex(same) + "\n"),
                      Line("* invalid fd, fail to mmap(), addr:" + Hex(same) +
                           ", addr_tmp:" + Hex(MAP_FAILED) + " offset(100)\n"),
+                     Line("* invalid fd, fail to mmap(), addr:" + Hex(same) +
+                          ", addr_tmp:" + Hex(MAP_FAILED) + " offset(8193)\n"),
                      Line("* invalid fd, offset(8192) is not below its size(8192)\n"),
                      Line("* validate(), fd(" + n + "), size(0)\n"),
                      Line("* validate(), invalid fd(-3)\n"),
