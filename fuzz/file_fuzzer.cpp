@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     zel_fuzz::QuietLogs(in.ConsumeBool());
     if (g_path.empty()) g_path = "/tmp/zel_file_fuzzer_" + std::to_string(getpid()) + ".bin";
     const int kind = in.ConsumeIntegralInRange(0, 2);
-    std::string file = in.ConsumeRandomLengthString(4096);
+    std::string file = kind != 0 ? in.ConsumeRandomLengthString(4096) : "";
     const size_t length = 0x100000 - 16 + in.ConsumeIntegralInRange(0, 0x20000);
     while (kind == 2 && !file.empty() && file.size() < length)
         file += file.substr(0, length - file.size());
