@@ -148,11 +148,15 @@ TEST_F(FileUtilsTest, CursorAndMissingFile) {
     EXPECT_EQ(0, reader.set_cursor(4));
     EXPECT_EQ(0, reader.move_cursor(0xFFFFFFFEu));  // wraps in 32 bits: 4 + 0xFFFFFFFE is 2
     EXPECT_EQ(2u, reader.get_cursor());
+    EXPECT_EQ(0, reader.move_cursor(6));  // to the very end
+    EXPECT_EQ(3, reader.move_cursor(1));
+    EXPECT_EQ(8u, reader.get_cursor());
     EXPECT_FALSE(missing.is_valid());
     EXPECT_EQ(0u, missing.handle_count + missing.size);
     EXPECT_EQ(2, missing.copy_buffer(out, 0, 0));
     EXPECT_EQ((Lines{Line("  File open error\n"), Line("  parameter(9) is too big\n"),
-                     Line("  move(1), current(8) > size(8)\n"), Line("  File Open Error\n")}),
+                     Line("  move(1), current(8) > size(8)\n"), Line("  parameter(1) is too big\n"),
+                     Line("  File Open Error\n")}),
               log.messages());
     // A failed read leaves the cursor where it was. The file is larger than one stdio block, so
     // its start is not buffered yet when it shrinks.
