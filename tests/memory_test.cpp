@@ -117,6 +117,7 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     EXPECT_TRUE(fcntl(fd, F_GETFD) != -1);
 
     FdImporter importer;
+    EXPECT_NE(nullptr, importer.import(fd, 12288, 12288 - 4096, 4096, nullptr));  // to the end
     // A refused import returns null, logs why, and leaves no duplicate open.
     int pipe_fds[2];
     ASSERT_EQ(0, pipe(pipe_fds));
