@@ -24,7 +24,7 @@ using android::base::unique_fd;
 using zel_test::CountMappings;
 using zel_test::CountOpenFds;
 
-TEST(MemoryProcess, ManyCyclesOfEveryTypeGiveBackDescriptorsAndMappings) {
+TEST(MemoryProcessTest, ManyCyclesOfEveryTypeGiveBackDescriptorsAndMappings) {
     MemoryManager manager;
     const int source = memfd_create("import_source", MFD_CLOEXEC);
     ASSERT_EQ(0, ftruncate(source, 8192));
@@ -44,9 +44,7 @@ TEST(MemoryProcess, ManyCyclesOfEveryTypeGiveBackDescriptorsAndMappings) {
         // Sanitizer runtimes map their shadow and allocator regions lazily, also for the
         // counters' own buffers: warm both up first.
         for (int i = 0; i < 300; ++i)
-            ASSERT_TRUE(cycle()) << kind;
-        CountOpenFds();
-        CountMappings();
+            ASSERT_TRUE(cycle() && CountOpenFds() && CountMappings()) << kind;
         const int fds = CountOpenFds();
         const int mappings = CountMappings();
         for (int i = 0; i < 10000; ++i)
@@ -58,7 +56,7 @@ TEST(MemoryProcess, ManyCyclesOfEveryTypeGiveBackDescriptorsAndMappings) {
     close(source);
 }
 
-TEST(MemoryProcess, BuffersReleaseOnOtherThreadsAndManagersServeEightThreads) {
+TEST(MemoryProcessTest, BuffersReleaseOnOtherThreadsAndManagersServeEightThreads) {
     const int fds = CountOpenFds();
     {
         MemoryManager manager;
@@ -69,10 +67,7 @@ TEST(MemoryProcess, BuffersReleaseOnOtherThreadsAndManagersServeEightThreads) {
         EXPECT_EQ(0, manager.delete_memory(device));
         EXPECT_EQ(0, manager.delete_memory(imported));
         // The caller's references are now the last ones: drop them elsewhere.
-        std::thread([device = std::move(device), imported = std::move(imported)]() mutable {
-            device.reset();
-            imported.reset();
-        }).join();
+        std::thread([&] { device.reset(), imported.reset(); }).join();
         EXPECT_EQ(fds, CountOpenFds());
 
         std::vector<std::thread> threads;
@@ -83,22 +78,20 @@ TEST(MemoryProcess, BuffersReleaseOnOtherThreadsAndManagersServeEightThreads) {
                     Buffer::sptr buffer = manager.create_memory(
                             (i + t) % 2 ? ZEL_MM_HEAP : ZEL_MM_DEVICE_BUFFER, 512, i % 3);
                     ZelBuffer* record = manager.get_user_raw_buffer(buffer);
-                    if (!buffer || !record || manager.get_fd(record) != buffer->fd ||
-                        manager.delete_memory(record) != 0) {
-                        ++failures;
-                    }
+                    failures += !buffer || !record || manager.get_fd(record) != buffer->fd ||
+                                manager.delete_memory(record) != 0;
                 }
             });
         }
         for (std::thread& thread : threads)
             thread.join();
-        EXPECT_EQ(0, failures.load());
+        EXPECT_EQ(0, failures);
         EXPECT_EQ("", manager.to_string());
     }
     EXPECT_EQ(fds, CountOpenFds());
 }
 
-TEST(MemoryProcess, ChildWritesThroughAnImportedDeviceBuffer) {
+TEST(MemoryProcessTest, ChildWritesThroughAnImportedDeviceBuffer) {
     MemoryManager manager;
     Buffer::sptr shared = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 8192, 1);
     ASSERT_NE(nullptr, shared);

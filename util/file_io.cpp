@@ -1,6 +1,7 @@
 /*
  * Loading files, or slices of them, into memory and writing memory blocks to files.
  */
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,11 +32,15 @@ ZelReturn check_load_range(uint32_t file_size, uint32_t size, uint32_t offset, u
     return 0;
 }
 
-// A block for `length` bytes is length + 1 with the length taken as a signed 32-bit number; a
-// wrapped range can ask for a length that has no such block, and reading into a smaller one
-// would write past its end.
+// An image block is length + 1 bytes with the length read as a signed 32-bit number: from 2^31
+// on the size is negative and no allocation can succeed, and at 0xFFFFFFFF it wraps to 0.
+int64_t image_block_size(uint32_t length) {
+    return static_cast<int64_t>(static_cast<int32_t>(length)) + 1;
+}
+
+// The owning overload refuses a length whose block cannot hold it up front.
 bool allocatable(uint32_t length) {
-    if (static_cast<int32_t>(length) >= 0) return true;
+    if (image_block_size(length) > 0) return true;
     ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Size(%u) does not fit a file image\n", length);
     return false;
 }
@@ -81,13 +86,23 @@ ZelReturn import_file_to_mem(const char* filename, char** result, uint32_t* load
     uint32_t length = 0;
     if (check_load_range(file_size, size, offset, &length) != 0) return 1;
 
+    bool allocated = false;
     if (*result == nullptr) {
-        if (!allocatable(length)) return 1;
         ZEL_MSG(ZONE_WAR) << "*Result is nullptr, please use import_file_to_mem with smart pointer"
                           << std::endl;
-        *result = static_cast<char*>(std::malloc(static_cast<size_t>(length) + 1));
+        // A negative size is one malloc can never serve: the block stays null and the read
+        // refuses it.
+        const int64_t block = image_block_size(length);
+        *result =
+                block >= 0 ? static_cast<char*>(std::malloc(static_cast<size_t>(block))) : nullptr;
+        allocated = true;
     }
     if (loaded_size != nullptr) *loaded_size = length;
+    if (allocated && image_block_size(length) == 0) {
+        // The block is empty: the read would write the whole file past its end.
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Size(%u) does not fit a file image\n", length);
+        return 3;
+    }
     FileBufferReader reader(filename);
     return reader.copy_buffer(*result, length, offset);
 }
@@ -156,6 +171,12 @@ bool is_dump_available() {
 }
 
 ZelReturn memory_compare(const char* a, const char* b, size_t length) {
+    if (length == 0) return 0;  // no byte to differ, whatever the addresses
+    if (a == nullptr || b == nullptr) {
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* memory_compare(), null address: a(%p), b(%p)\n",
+                static_cast<const void*>(a), static_cast<const void*>(b));
+        return 1;
+    }
     return std::memcmp(a, b, length) != 0 ? 1 : 0;
 }
 

@@ -81,15 +81,6 @@ bool is_valid_ion_buffer(int fd, size_t size, const void* addr, int offset) {
                 static_cast<int>(size), addr);
         return false;
     }
-    // A mapping that starts at or past the end of the file has no page behind its first byte:
-    // reading it would raise SIGBUS instead of answering.
-    struct stat info = {};
-    if (fstat(fd, &info) == 0 && (S_ISREG(info.st_mode) || info.st_size > 0) &&
-        static_cast<off_t>(offset) >= info.st_size) {
-        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* invalid fd, offset(%d) is not below its size(%lld)\n",
-                offset, static_cast<long long>(info.st_size));
-        return false;
-    }
     void* mapped =
             mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, static_cast<off_t>(offset));
     if (mapped == nullptr || mapped == MAP_FAILED) {
@@ -99,6 +90,17 @@ bool is_valid_ion_buffer(int fd, size_t size, const void* addr, int offset) {
         return false;
     }
     ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  addr:%p, addr_tmp:%p\n", addr, mapped);
+
+    // A file maps past its end without complaint, but the first byte of such a mapping has no
+    // page behind it: reading it would raise SIGBUS instead of answering.
+    struct stat info = {};
+    if (fstat(fd, &info) == 0 && (S_ISREG(info.st_mode) || info.st_size > 0) &&
+        static_cast<off_t>(offset) >= info.st_size) {
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* invalid fd, offset(%d) is not below its size(%lld)\n",
+                offset, static_cast<long long>(info.st_size));
+        munmap(mapped, size);
+        return false;
+    }
 
     // One byte is enough to tell whether addr is a mapping of this buffer.
     const int diff = static_cast<int>(*static_cast<const unsigned char*>(mapped)) -

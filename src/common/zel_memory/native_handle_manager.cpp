@@ -9,6 +9,11 @@ namespace memory {
 using debug::ZONE_MEM;
 
 void NativeHandleManager::CreateNativeHandle(native_handle_t** handle, int32_t fd) {
+    if (handle == nullptr) {
+        // Nowhere to put the handle: make none, and the descriptor stays the caller's.
+        ZEL_LOG(debug::ZONE_ERR, debug::PRINT_ALWAYS, "* Handle slot is null: fd(%d)\n", fd);
+        return;
+    }
     native_handle_t* created = native_handle_create(1, 0);
     *handle = created;
     if (created == nullptr) {
@@ -46,6 +51,11 @@ int NativeHandleManager::CloneNativeHandle(native_handle_t** handle,
         throw TalornNnException("src/common/zel_memory/native_handle_manager", 61)
                 << "Invalid handle!";
     }
+    if (handle == nullptr) {
+        ZEL_LOG(debug::ZONE_ERR, debug::PRINT_ALWAYS, "* Handle slot is null: fd(%d)\n",
+                source->data[0]);
+        return -1;
+    }
     native_handle_t* clone = native_handle_clone(source);
     *handle = clone;
     if (clone == nullptr) {
@@ -60,7 +70,7 @@ int NativeHandleManager::CloneNativeHandle(native_handle_t** handle,
 }
 
 void NativeHandleManager::RemoveNativeHandle(native_handle_t** handle) {
-    native_handle_t* target = *handle;
+    native_handle_t* target = handle != nullptr ? *handle : nullptr;
     if (target == nullptr) {
         ZEL_LOG(debug::ZONE_ERR, debug::PRINT_ALWAYS, "* Handle is null: nothing to remove\n");
         return;

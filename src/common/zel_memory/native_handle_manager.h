@@ -12,7 +12,8 @@ namespace memory {
 
 class NativeHandleManager {
   public:
-    // Wraps `fd` as it is: the new handle owns the descriptor.
+    // Wraps `fd` as it is: the new handle owns the descriptor. Every operation here refuses a
+    // null `handle` slot with a "* " line (the clones return -1) and leaves descriptors alone.
     static void CreateNativeHandle(native_handle_t** handle, int32_t fd);
     // Stores in *handle a handle owning a duplicate of `fd` and returns the duplicate; the
     // caller's descriptor stays open.

@@ -1,6 +1,9 @@
 #include "src/common/zel_memory/importer/file_descriptor_importer.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
 
 #include "debug/zel_debug.h"
 #include "src/common/zel_memory/native_handle_manager.h"
@@ -71,17 +74,20 @@ void FdImporter::release(Buffer* buffer) {
         return;
     }
     NativeHandleManager::RemoveNativeHandle(&buffer->native_handle);
-    if (buffer->offset == 0) {
-        munmap(buffer->va, buffer->fd_size);
-    } else {
-        // Unmapping fd_size bytes from va would miss the first bytes of this buffer's mapping
-        // and reach past its end into whatever lies there. Release exactly the mapping that
-        // import made instead.
+    // The release unmaps fd_size bytes from va, the buffer's own first byte, not from base_va:
+    // pages before va stay mapped. Where va is page-aligned and offset by something, that range
+    // would run past the end of this import's mapping into whatever lies after it, so it is cut
+    // at that end. An unaligned va is handed to munmap as it is, which refuses it.
+    const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    uint32_t length = buffer->fd_size;
+    if (buffer->offset != 0 && reinterpret_cast<uintptr_t>(buffer->va) % page == 0) {
+        length = buffer->fd_size - buffer->offset;
         ZEL_LOG(ZONE_ERR, debug::PRINT_ALWAYS,
-                "* Buffer Deleter: offset(%u) buffer unmapped from base_va(%p), not va(%p)\n",
-                buffer->offset, buffer->base_va, buffer->va);
-        munmap(buffer->base_va, buffer->fd_size);
+                "* Buffer Deleter: unmapping %u bytes from va(%p) stops at the end of the "
+                "mapping, after %u bytes\n",
+                buffer->fd_size, buffer->va, length);
     }
+    munmap(buffer->va, length);
     delete buffer;
 }
 
