@@ -14,6 +14,9 @@ void AddDemoCommand(CLI::App& app);
 // `zel-prof diff BASE NEW`: two raw-data files compared stage by stage.
 void AddDiffCommand(CLI::App& app);
 
+// `zel-prof html FILE -o OUT`: a raw-data file as a self-contained HTML page.
+void AddHtmlCommand(CLI::App& app);
+
 // `zel-prof report FILE`: the reports of a raw-data file.
 void AddReportCommand(CLI::App& app);
 

@@ -11,6 +11,7 @@ int main(int argc, char** argv) {
     zel_prof::AddConfigCommand(app);
     zel_prof::AddDemoCommand(app);
     zel_prof::AddDiffCommand(app);
+    zel_prof::AddHtmlCommand(app);
     zel_prof::AddReportCommand(app);
     zel_prof::AddTraceCommand(app);
     CLI11_PARSE(app, argc, argv);
