@@ -1,11 +1,13 @@
-// The zel-prof tool as a user runs it: the demo across real processes, and the report of the
-// raw-data file it leaves behind.
+// The zel-prof tool as a user runs it: the demo across real processes, the reports of the
+// raw-data file it leaves behind, and the comparison of two profiles.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <random>
 #include <regex>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -94,11 +96,124 @@ TEST(ZelProfTest, ReportRefusesWhatIsNoProfile) {
                   {path, "the first label never recurs"},
                   {path + " --iterations 2 --labels 1", "do not fit 1 records"}};
     for (const auto& c : kCases) {
-        const ToolRun run = ZelProf("report " + c.args, true);
-        EXPECT_NE(0, run.status) << c.args;
-        EXPECT_NE(std::string::npos, run.out.find(c.error)) << c.args << "\n" << run.out;
+        for (const std::string command : {"report ", "html -o /dev/null "}) {
+            const ToolRun run = ZelProf(command + c.args, true);
+            EXPECT_NE(0, run.status) << command << c.args;
+            EXPECT_NE(std::string::npos, run.out.find(c.error)) << c.args << "\n" << run.out;
+        }
     }
     remove(path.c_str());
+}
+
+// Writes a raw-data file of `iterations` iterations: API around ENGINE, CPU_UD and NPU_UD_0x1
+// (label 25 around 22, 18, 13), whose times spread around 300, 500 and 400 us, CPU_UD's scaled
+// by `cpu_scale`. `outer` replaces API's label.
+std::string WriteProfile(const std::string& name, unsigned seed, double cpu_scale, int outer = 25,
+                         uint64_t iterations = 200) {
+    std::mt19937_64 rng(seed);
+    std::lognormal_distribution<double> spread(0.0, 0.08);
+    std::vector<uint64_t> words;
+    uint64_t now = 1000;
+    auto record = [&](uint64_t type, int label, uint64_t postfix, uint64_t iter) {
+        words.insert(words.end(), {type, static_cast<uint64_t>(label), postfix, iter, now});
+    };
+    for (uint64_t i = 0; i < iterations; ++i) {
+        record(0, outer, 0, i);
+        now += 5;
+        for (const auto& stage : {std::make_pair(22, 300.0), std::make_pair(18, 500.0 * cpu_scale),
+                                  std::make_pair(13, 400.0)}) {
+            record(0, stage.first, stage.first == 13, i);
+            now += static_cast<uint64_t>(stage.second * spread(rng));
+            record(1, stage.first, stage.first == 13, i);
+        }
+        now += 5;
+        record(1, outer, 0, i);
+    }
+    const std::string path = testing::TempDir() + name;
+    FILE* file = fopen(path.c_str(), "wb");
+    if (file == nullptr) return path;
+    fwrite(words.data(), sizeof(uint64_t), words.size(), file);
+    fclose(file);
+    return path;
+}
+
+// The one line of `out` that starts with `stage` after leading blanks.
+std::string Row(const std::string& out, const std::string& section, const std::string& stage) {
+    std::smatch row;
+    const std::string rest = out.substr(out.find(section + "\n"));
+    std::regex_search(rest, row, std::regex("\n  " + stage + " [^\n]*"));
+    return row.str();
+}
+
+TEST(ZelProfTest, MachineReportsCarryTheTextSummarysFigures) {
+    const std::string path = WriteProfile("zel_prof_report.bin", 1, 1.0, 25, 20);
+    const ToolRun text = ZelProf("report " + path);
+    const ToolRun csv = ZelProf("report --format csv " + path);
+    const ToolRun json = ZelProf("report -f json " + path);
+    ASSERT_EQ(0, text.status + csv.status + json.status) << text.out << csv.out << json.out;
+    // "avg median 90% label" per line of the text summary, against the CSV's first columns.
+    std::smatch line;
+    std::string summary = Summary(text.out);
+    std::vector<std::string> from_text;
+    while (std::regex_search(summary, line,
+                             std::regex("\\* +([0-9.]+) +([0-9]+) +([0-9]+) +_*(\\S+)\\n"))) {
+        from_text.push_back(line[4].str() + "," + line[1].str() + "," + line[2].str() + "," +
+                            line[3].str());
+        summary = line.suffix();
+    }
+    std::vector<std::string> from_csv;
+    std::string rows = csv.out.substr(csv.out.find('\n') + 1);
+    while (std::regex_search(rows, line,
+                             std::regex("(?:[^,/\\n]*/)*([^,/]+),20,([^,]+,[^,]+,[^,]+),"))) {
+        from_csv.push_back(line[1].str() + "," + line[2].str());
+        rows = line.suffix();
+    }
+    EXPECT_EQ(5u, from_text.size()) << text.out;
+    EXPECT_EQ(from_text, from_csv) << csv.out;
+    EXPECT_EQ(0u, csv.out.find("path,iterations,avg,median,90%,min,max,time_avg,"));
+    for (const char* text :
+         {"\"path\": \"TOTAL/API/NPU_UD_0x1\"", "\"unit\": \"us\"", "\"self\": {", "\"90%\": "})
+        EXPECT_NE(std::string::npos, json.out.find(text)) << text;
+    remove(path.c_str());
+}
+
+TEST(ZelProfTest, DiffFlagsTheShiftedStageAndWhatHoldsIt) {
+    const std::string base = WriteProfile("zel_prof_base.bin", 11, 1.0);
+    const std::string same = WriteProfile("zel_prof_same.bin", 12, 1.0);
+    const std::string slower = WriteProfile("zel_prof_slower.bin", 13, 1.1);
+    const ToolRun diff = ZelProf("diff " + base + " " + slower + " --fail-above 5", true);
+    EXPECT_EQ(1, diff.status) << diff.out;
+    // CPU_UD's time and self time, and the time of API and the total that hold it, moved by
+    // about 10 %; ENGINE and NPU_UD did not.
+    for (const char* shifted : {"TOTAL ", "_API ", "__CPU_UD "})
+        EXPECT_NE(std::string::npos, Row(diff.out, "time", shifted).find("%  p=0.000")) << shifted;
+    EXPECT_NE(std::string::npos, Row(diff.out, "self time", "__CPU_UD ").find("%  p=0.000"));
+    EXPECT_NE(std::string::npos, diff.out.find("TOTAL/API/CPU_UD regressed by +"));
+    for (const char* section : {"time", "self time"}) {
+        for (const char* quiet : {"__ENGINE ", "__NPU_UD_0x1 "})
+            EXPECT_NE(std::string::npos, Row(diff.out, section, quiet).find(" ~  p=")) << quiet;
+    }
+    EXPECT_EQ(0, ZelProf("diff " + base + " " + slower + " --fail-above 20").status);
+    EXPECT_EQ(0, ZelProf("diff " + base + " " + same + " --fail-above 5").status);
+
+    const ToolRun json = ZelProf("diff -f json " + base + " " + slower);
+    EXPECT_NE(std::string::npos, json.out.find("\"path\": \"TOTAL/API/CPU_UD\""));
+    const ToolRun csv = ZelProf("diff --format csv " + base + " " + slower);
+    EXPECT_EQ(0u, csv.out.find("path,status,time_base_median,time_base_90%,"));
+
+    // Other stages on the new side: listed, and nothing in common at all is an error.
+    const std::string client = WriteProfile("zel_prof_client.bin", 14, 1.0, 24);
+    const ToolRun apart = ZelProf("diff " + base + " " + client, true);
+    EXPECT_EQ(2, apart.status);
+    EXPECT_NE(std::string::npos, apart.out.find("the profiles have no stage in common"))
+            << apart.out;
+    const std::string empty = testing::TempDir() + "zel_prof_empty.bin";
+    fclose(fopen(empty.c_str(), "wb"));
+    const ToolRun nothing = ZelProf("diff " + empty + " " + base, true);
+    EXPECT_EQ(2, nothing.status);
+    EXPECT_NE(std::string::npos, nothing.out.find("holds no complete record")) << nothing.out;
+    for (const std::string& path : {base, same, slower, client, empty})
+        remove(path.c_str());
 }
 
 }  // namespace

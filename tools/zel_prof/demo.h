@@ -18,6 +18,7 @@ struct DemoOptions {
     uint64_t model_id = 7;
     bool verbose = false;
     std::string trace_path;  // where the service writes the merged profile's timeline, if set
+    std::string html_path;   // where the service writes the merged profile's HTML page, if set
 };
 
 // Each role runs in its own process; the result is that process's exit status.

@@ -105,6 +105,8 @@ void AddDemoCommand(CLI::App& app) {
     command->add_flag("--verbose,-v", options.verbose, "Show every library log line");
     command->add_option("--trace", options.trace_path,
                         "Also write the merged profile as a timeline (Trace Event Format JSON)");
+    command->add_option("--html", options.html_path,
+                        "Also write the merged profile as a self-contained HTML page");
     command->callback([] {
         const int status = RunDemo(options);
         if (status != 0) throw CLI::RuntimeError(status);

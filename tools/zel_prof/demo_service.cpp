@@ -17,6 +17,7 @@
 #include "util/zel_utils_profiler_wrapper.h"
 #include "zel_prof/demo.h"
 #include "zel_prof/demo_protocol.h"
+#include "zel_prof/html_report.h"
 #include "zel_prof/stdout_logger.h"
 
 namespace zel_prof {
@@ -237,6 +238,16 @@ int RunService(int client_sock, int driver_sock, const DemoOptions& options) {
                static_cast<unsigned long long>(options.mode));
     } else {
         printf("\nNo raw data written: %s.\n", note.c_str());
+    }
+    if (!options.html_path.empty()) {
+        std::string html_error = "no raw data written";
+        const RawDataCounts counts{iterations, labels};
+        if (!path.empty() &&
+            WriteHtmlReport(path, counts, &model, options.html_path, &html_error)) {
+            printf("HTML report written to %s.\n", options.html_path.c_str());
+        } else {
+            printf("No HTML report written: %s.\n", html_error.c_str());
+        }
     }
     if (traced) {
         printf("Timeline written to %s: open it in Perfetto UI or chrome://tracing.\n",

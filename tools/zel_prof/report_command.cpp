@@ -1,10 +1,14 @@
-// `zel-prof report FILE`: both reports of a raw-data file as exported on a device.
+// `zel-prof report FILE`: both reports of a raw-data file as exported on a device, or its
+// per-stage figures as CSV or JSON for programs.
 #include <cstdio>
 #include <exception>
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 #include "zel_prof/commands.h"
 #include "zel_prof/rawdata_file.h"
+#include "zel_prof/stage_table.h"
 #include "zel_prof/stdout_logger.h"
 
 namespace zel_prof {
@@ -17,7 +21,72 @@ struct ReportOptions {
     uint64_t key = 0;
     bool key_given = false;
     bool verbose = false;
+    std::string format = "text";
 };
+
+nlohmann::ordered_json FiguresJson(const SummaryFigures& figures) {
+    return {{"avg", figures.average},
+            {"median", figures.median},
+            {"90%", figures.p90},
+            {"min", figures.min},
+            {"max", figures.max}};
+}
+
+std::string FiguresCsv(const SummaryFigures& figures) {
+    char line[160];
+    snprintf(line, sizeof(line), "%.1f,%llu,%llu,%llu,%llu", figures.average,
+             static_cast<unsigned long long>(figures.median),
+             static_cast<unsigned long long>(figures.p90),
+             static_cast<unsigned long long>(figures.min),
+             static_cast<unsigned long long>(figures.max));
+    return line;
+}
+
+// Per stage: self-time figures as the text summary prints them, then the same for the stage's
+// whole time. Times in microseconds.
+int PrintMachineReport(const RawDataProfile& loaded, const std::string& format) {
+    StageTable table;
+    std::string error;
+    if (!BuildStageTable(*loaded.profiler, &table, &error)) {
+        fprintf(stderr, "report: %s\n", error.c_str());
+        return 1;
+    }
+    if (format == "csv") {
+        printf("path,iterations,avg,median,90%%,min,max,time_avg,time_median,time_90%%,time_min,"
+               "time_max\n");
+        for (const Stage& stage : table.stages) {
+            printf("%s,%llu,%s,%s\n", stage.path.c_str(),
+                   static_cast<unsigned long long>(table.iterations),
+                   FiguresCsv(Summarize(table, stage.self_time)).c_str(),
+                   FiguresCsv(Summarize(table, stage.time)).c_str());
+        }
+    } else {
+        char model[24];
+        snprintf(model, sizeof(model), "0x%016llx", static_cast<unsigned long long>(loaded.key));
+        nlohmann::ordered_json stages = nlohmann::ordered_json::array();
+        for (const Stage& stage : table.stages) {
+            stages.push_back({{"path", stage.path},
+                              {"name", stage.name},
+                              {"depth", stage.depth},
+                              {"label", zel::util::ZelProfiler::labelToString(
+                                                static_cast<zel::util::ProfileLabel>(stage.label))},
+                              {"postfix", stage.postfix},
+                              {"iterations", table.iterations},
+                              {"self", FiguresJson(Summarize(table, stage.self_time))},
+                              {"time", FiguresJson(Summarize(table, stage.time))}});
+        }
+        const nlohmann::ordered_json report = {{"modelId", model},
+                                               {"unit", "us"},
+                                               {"iterations", table.iterations},
+                                               {"records_per_iteration", loaded.counts.labels},
+                                               {"median_iteration", table.median_iteration},
+                                               {"p90_iteration", table.p90_iteration},
+                                               {"stages", stages}};
+        printf("%s\n", report.dump(2).c_str());
+    }
+    fflush(stdout);
+    return 0;
+}
 
 int RunReport(const ReportOptions& options) {
     InstallStdoutLogger(options.verbose);
@@ -28,6 +97,7 @@ int RunReport(const ReportOptions& options) {
         fprintf(stderr, "report: %s\n", error.c_str());
         return 1;
     }
+    if (options.format != "text") return PrintMachineReport(loaded, options.format);
     printf("%s: %zu bytes, %llu iterations x %llu records, modelId 0x%llx\n", options.path.c_str(),
            loaded.bytes, static_cast<unsigned long long>(loaded.counts.iterations),
            static_cast<unsigned long long>(loaded.counts.labels),
@@ -60,6 +130,10 @@ void AddReportCommand(CLI::App& app) {
                         "Model id printed in the report (default: "
                         "from the file name)")
             ->each([](const std::string&) { options.key_given = true; });
+    command->add_option("--format,-f", options.format,
+                        "text: the library's reports; csv or json: per-stage figures")
+            ->check(CLI::IsMember({"text", "csv", "json"}))
+            ->capture_default_str();
     command->add_flag("--verbose,-v", options.verbose, "Show every library log line");
     command->callback([] {
         const int status = RunReport(options);
