@@ -24,9 +24,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (in.ConsumeBool()) std::sort(ranks.begin(), ranks.end());
 
     // A rank below the one just answered is refused; ranks not ascending are refused at the end.
-    const int end = ranks.empty() ? 0 : *std::max_element(ranks.begin(), ranks.end()) + 1;
-    int result = n == 0 || ranks.empty() || end > n ? 1 : ranks.back() < 0 ? 0 : -1;
-    for (int step = 0, next = 0; result < 0 && step < end; ++step) {
+    const int top = ranks.empty() ? n : *std::max_element(ranks.begin(), ranks.end());
+    int result = n == 0 || top >= n ? 1 : ranks.back() < 0 ? 0 : -1;
+    for (int step = 0, next = 0; result < 0 && step <= top; ++step) {
         if (step != ranks[next]) continue;
         expected.push_back(sorted[step].second);
         result = ++next == static_cast<int>(ranks.size()) ? 0 : ranks[next] < step ? 1 : -1;
