@@ -77,6 +77,8 @@ int main(int argc, char** argv) {
             {{"filtered printf-style line / one mask test", "BM_FilteredPrintf", "BM_MaskTest",
               1.2},
              {"filtered stream line / one mask test", "BM_FilteredStream", "BM_MaskTest", 1.2},
+             {"filtered printf-style line / one lock+unlock", "BM_FilteredPrintf",
+              "BM_MutexLockUnlock", 1.15},
              {"one mask test / one lock+unlock", "BM_MaskTest", "BM_MutexLockUnlock", 0},
              {"printed printf-style line / filtered", "BM_PrintedPrintf", "BM_FilteredPrintf", 0},
              {"printed stream line / filtered", "BM_PrintedStream", "BM_FilteredStream", 0}});

@@ -26,11 +26,11 @@ void SetMask(uint64_t mask) {
     DbgPrintManager::GetInstance()->set_mask(mask);
 }
 
-void ManagerCycle(benchmark::State& state, ZelMmType type, uint32_t flag) {
+void ManagerCycle(benchmark::State& state, ZelMmType type, uint32_t flag, uint32_t size = kSize) {
     SetMask(0x3);
     MemoryManager manager;
     for (auto _ : state) {
-        Buffer::sptr buffer = manager.create_memory(type, kSize, flag);
+        Buffer::sptr buffer = manager.create_memory(type, size, flag);
         benchmark::DoNotOptimize(buffer->va);
         manager.delete_memory(buffer);
     }
@@ -50,6 +50,12 @@ void BM_ManagerUncachedCycle(benchmark::State& state) {
     ManagerCycle(state, ZEL_MM_DEVICE_BUFFER, 0);
 }
 BENCHMARK(BM_ManagerUncachedCycle);
+
+// A 64 KiB buffer, where the descriptor and mapping work outweighs the bookkeeping less.
+void BM_ManagerCached64KCycle(benchmark::State& state) {
+    ManagerCycle(state, ZEL_MM_DEVICE_BUFFER, 1, 64 << 10);
+}
+BENCHMARK(BM_ManagerCached64KCycle);
 
 void BM_ManagerImportCycle(benchmark::State& state) {
     SetMask(0x3);
@@ -89,13 +95,13 @@ void BM_BareHeapCycle(benchmark::State& state) {
 }
 BENCHMARK(BM_BareHeapCycle);
 
-void BareDeviceCycle(benchmark::State& state, const char* heap) {
+void BareDeviceCycle(benchmark::State& state, const char* heap, uint32_t size = kSize) {
     BufferAllocator allocator;
     for (auto _ : state) {
-        const int fd = allocator.Alloc(heap, kSize, 0, 0);
-        void* va = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        const int fd = allocator.Alloc(heap, size, 0, 0);
+        void* va = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         benchmark::DoNotOptimize(va);
-        munmap(va, kSize);
+        munmap(va, size);
         close(fd);
     }
 }
@@ -109,6 +115,11 @@ void BM_BareUncachedCycle(benchmark::State& state) {
     BareDeviceCycle(state, "system-uncached");
 }
 BENCHMARK(BM_BareUncachedCycle);
+
+void BM_BareCached64KCycle(benchmark::State& state) {
+    BareDeviceCycle(state, "system", 64 << 10);
+}
+BENCHMARK(BM_BareCached64KCycle);
 
 void BM_BareImportCycle(benchmark::State& state) {
     const int source = memfd_create("import_source", MFD_CLOEXEC);
@@ -129,9 +140,11 @@ BENCHMARK(BM_BareImportCycle);
 int main(int argc, char** argv) {
     return zel_bench::RunWithRatios(
             argc, argv,
-            {{"heap cycle vs aligned_alloc+free", "BM_ManagerHeapCycle", "BM_BareHeapCycle", 10.0},
+            {{"heap cycle vs aligned_alloc+free", "BM_ManagerHeapCycle", "BM_BareHeapCycle", 3.0},
              {"cached cycle vs Alloc+mmap+munmap+close", "BM_ManagerCachedCycle",
               "BM_BareCachedCycle", 1.3},
+             {"64 KiB cached cycle vs Alloc+mmap+munmap+close", "BM_ManagerCached64KCycle",
+              "BM_BareCached64KCycle", 1.2},
              {"uncached cycle vs Alloc+mmap+munmap+close", "BM_ManagerUncachedCycle",
               "BM_BareUncachedCycle", 1.3},
              {"import cycle vs dup+mmap+munmap+close", "BM_ManagerImportCycle",

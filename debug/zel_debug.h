@@ -105,6 +105,20 @@ void set_dump_available();
 // True if option is PRINT_ALWAYS, else whether bit (zone % 32) of the mask is set.
 bool check_print_mask(DbgPartition zone, DbgPrintOption option);
 
+// check_print_mask for the logging macros, inlined into the caller: once the singleton exists, a
+// filtered message costs one lock and unlock of its mutex, with the mask tested in between. The
+// first call leaves the creation to check_print_mask.
+inline bool print_mask_allows(DbgPartition zone, DbgPrintOption option) {
+    {
+        std::lock_guard<std::mutex> lock(DbgPrintManager::_mutex);
+        if (const DbgPrintManager* manager = DbgPrintManager::_instance.get()) {
+            // The bit is formed in 32 bits: zones wrap at 32 and bits 32..63 are never tested.
+            return option == PRINT_ALWAYS || (manager->print_mask & (1U << (zone % 32))) != 0;
+        }
+    }
+    return check_print_mask(zone, option);
+}
+
 // Hands one line to liblog: priority from the zone table, tag `tag` or "ZEL_FRAMEWORK", text
 // "2.1.17: " followed by `format` (the whole format cut at 1023 characters) formatted with the
 // arguments. `function` and `line` are not printed. Does not consult the mask.
@@ -150,20 +164,20 @@ ZelReturn get_environment_variable_u64(const char* name, uint64_t* value);
 
 // printf-style log line through the calling pattern: mask test first, then zel_print_log with
 // the caller's signature and line.
-#define ZEL_LOG(zone, option, ...)                                                               \
-    do {                                                                                         \
-        if (::zel::debug::check_print_mask(static_cast<::zel::debug::DbgPartition>(zone),        \
-                                           static_cast<::zel::debug::DbgPrintOption>(option))) { \
-            ::zel::debug::zel_print_log(nullptr, static_cast<::zel::debug::DbgPartition>(zone),  \
-                                        __PRETTY_FUNCTION__, __LINE__, __VA_ARGS__);             \
-        }                                                                                        \
+#define ZEL_LOG(zone, option, ...)                                                                \
+    do {                                                                                          \
+        if (::zel::debug::print_mask_allows(static_cast<::zel::debug::DbgPartition>(zone),        \
+                                            static_cast<::zel::debug::DbgPrintOption>(option))) { \
+            ::zel::debug::zel_print_log(nullptr, static_cast<::zel::debug::DbgPartition>(zone),   \
+                                        __PRETTY_FUNCTION__, __LINE__, __VA_ARGS__);              \
+        }                                                                                         \
     } while (0)
 
 // Stream-style log line: ZEL_MSG(zone) << "Handle is created: " << fd << std::endl;
 // When the zone is off nothing after ZEL_MSG(zone) is evaluated.
-#define ZEL_MSG(zone)                                                                  \
-    if (!::zel::debug::check_print_mask(static_cast<::zel::debug::DbgPartition>(zone), \
-                                        ::zel::debug::PRINT_IF_ON)) {                  \
-    } else                                                                             \
-        ::zel::debug::ZelMsgHandler(__PRETTY_FUNCTION__, __LINE__,                     \
+#define ZEL_MSG(zone)                                                                   \
+    if (!::zel::debug::print_mask_allows(static_cast<::zel::debug::DbgPartition>(zone), \
+                                         ::zel::debug::PRINT_IF_ON)) {                  \
+    } else                                                                              \
+        ::zel::debug::ZelMsgHandler(__PRETTY_FUNCTION__, __LINE__,                      \
                                     static_cast<::zel::debug::DbgPartition>(zone))

@@ -13,7 +13,7 @@ ZelMsgHandler::ZelMsgHandler(const char* function, int line, DbgPartition zone)
     try {
         stream = std::make_shared<std::stringstream>();
     } catch (const std::exception&) {
-        if (check_print_mask(ZONE_ERR, PRINT_IF_ON)) {
+        if (print_mask_allows(ZONE_ERR, PRINT_IF_ON)) {
             zel_print_log(nullptr, ZONE_ERR, function, line, "Exception from construction\n");
         }
     }
@@ -22,7 +22,7 @@ ZelMsgHandler::ZelMsgHandler(const char* function, int line, DbgPartition zone)
 ZelMsgHandler::~ZelMsgHandler() = default;
 
 ZelMsgHandler& ZelMsgHandler::operator<<(std::ostream& (* /*manipulator*/)(std::ostream&)) {
-    if (check_print_mask(zone, PRINT_IF_ON)) {
+    if (print_mask_allows(zone, PRINT_IF_ON)) {
         zel_print_log(nullptr, zone, function, line, "  %s\n", c_str());
     }
     return *this;
