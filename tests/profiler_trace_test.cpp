@@ -64,12 +64,12 @@ TEST_F(ProfilerTraceTest, EventsTracksLanesNamesAndTheEventLimit) {
     auto p = Stages({1000, 1020, 3000});
     p->set_name(
             "q\"b\\s\n\x01 \xc3\x80 \xff\xc3 \xed\xa0\x80 \xe0\x80 \xf4\x90 \xf0\x9f\x99\x82"
-            "\xf4\x8f\xbf\xbf");
+            "\xf4\x8f\xbf\xbf\xdf\xbf");
     const std::string text = export_trace_json(*p);
     EXPECT_EQ(json::parse(text)["traceEvents"][0]["args"]["name"],
               "model 0x80000042 (q\"b\\s\n\x01 \xc3\x80 \xef\xbf\xbd\xef\xbf\xbd "
               "\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd \xef\xbf\xbd\xef\xbf\xbd "
-              "\xef\xbf\xbd\xef\xbf\xbd \xf0\x9f\x99\x82\xf4\x8f\xbf\xbf)");
+              "\xef\xbf\xbd\xef\xbf\xbd \xf0\x9f\x99\x82\xf4\x8f\xbf\xbf\xdf\xbf)");
     std::map<int64_t, std::string> tracks;
     const Events events = Parse(text, &tracks);
     EXPECT_EQ(events.size(), 18u);
