@@ -1,6 +1,5 @@
 // Raw data: the queue folded into the record array, finalization, file export and debug dump.
 #include <algorithm>
-#include <climits>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -87,17 +86,6 @@ ZelReturn ZelProfiler::finalize() {
                 static_cast<void*>(rawdata), num_iter, num_label);
         return 0;
     }
-    // Counts handed over with raw data from elsewhere are checked before anything reads by them;
-    // record and node indices are 32-bit.
-    if (!counts_fit(num_iter, num_label, rawdata_size) || num_iter > INT_MAX ||
-        num_label > INT_MAX) {
-        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
-                "* Raw data too small for its counts. name[%s] num_iter(%lu) num_label(%lu) "
-                "size(%lu)\n",
-                name.c_str(), num_iter, num_label, rawdata_size);
-        return 1;
-    }
-
     dbg_show_rawdata();
     grow_tree();
     ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  Grow tree Done\n");
@@ -116,14 +104,18 @@ ZelReturn ZelProfiler::finalize() {
     } else {
         // Same results, a block of iterations at a time: the block's times are still in cache
         // when its self times are computed, so the cost stays linear however long the profile.
+        // A fill that would fail leaves no duration or self time behind, so it is found out
+        // first and then run as a whole, storing what it reaches before it fails.
         const profiler_internal::RecordNodes nodes = profiler_internal::index_record_nodes(*this);
+        if (profiler_internal::fill_iterations(*this, nodes, 0, num_iter, false) != 0) {
+            profiler_internal::fill_iterations(*this, nodes, 0, num_iter);
+            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to fill_data_to_tree\n");
+            throw std::runtime_error("finalize fail\n");
+        }
         constexpr uint64_t kBlock = 2048;
         for (uint64_t begin = 0; begin < num_iter; begin += kBlock) {
             const uint64_t end = std::min(num_iter, begin + kBlock);
-            if (profiler_internal::fill_iterations(*this, nodes, begin, end) != 0) {
-                ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to fill_data_to_tree\n");
-                throw std::runtime_error("finalize fail\n");
-            }
+            profiler_internal::fill_iterations(*this, nodes, begin, end);
             profiler_internal::calculate_self_time_all(root.get(), begin, end);
         }
     }
@@ -151,13 +143,14 @@ std::string ZelProfiler::export_rawdata_to_file() {
 void ZelProfiler::dbg_show_rawdata() {
     if (!zel::debug::check_print_mask(zel::debug::ZONE_DBG, zel::debug::PRINT_TRACE)) return;
     if (num_label == 0 || num_iter == 0) return;
-    if (rawdata == nullptr || !counts_fit(num_iter, num_label, rawdata_size)) {
-        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
-                "* Raw data too small for its counts. num_iter(%lu) num_label(%lu)\n", num_iter,
-                num_label);
-        return;
-    }
-    for (uint64_t k = 0; k < num_label * num_iter; ++k) {
+    // The dump goes as far as the array does.
+    const uint64_t held = profiler_internal::records_held(*this);
+    const uint64_t claimed = num_iter > UINT64_MAX / num_label ? UINT64_MAX : num_label * num_iter;
+    for (uint64_t k = 0; k < claimed; ++k) {
+        if (k >= held) {
+            profiler_internal::log_rawdata_too_small(*this);
+            return;
+        }
         const ZelProfileData& r = rawdata[k];
         ZEL_LOG(ZONE_DBG, PRINT_TRACE,
                 "  [%lu] label(%-18s) labelPostfix(0x%16lx) type(%4lu) iterKey(0x%16lx) "

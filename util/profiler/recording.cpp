@@ -106,19 +106,21 @@ ProfileNode::ProfileNode(int num_iter)
       reserved(0) {}
 
 ProfileNode::~ProfileNode() {
-    // A chain of nested nodes would otherwise be released by one destructor call per level.
+    // A chain of nested nodes would otherwise be released by one destructor call per level: the
+    // walk empties the deepest nodes first, so each release below finds nothing left to release.
     // Nodes that someone else still holds are left to their other owners.
-    std::vector<std::shared_ptr<ProfileNode>> pending;
-    pending.swap(children);
-    while (!pending.empty()) {
-        std::shared_ptr<ProfileNode> node = std::move(pending.back());
-        pending.pop_back();
-        if (node.use_count() == 1) {
-            for (auto& child : node->children)
-                pending.push_back(std::move(child));
-            node->children.clear();
-        }
-    }
+    if (children.empty()) return;
+    profiler_internal::walk_tree(
+            this, 0,
+            [](profiler_internal::TreeWalk::Frame&, profiler_internal::TreeWalk::Frame* parent) {
+                if (parent == nullptr) return profiler_internal::Visit::kInto;
+                const auto& owner = parent->node->children[parent->next_child - 1];
+                return owner.use_count() == 1 ? profiler_internal::Visit::kInto
+                                              : profiler_internal::Visit::kOver;
+            },
+            [](profiler_internal::TreeWalk::Frame& frame, profiler_internal::TreeWalk::Frame*) {
+                frame.node->children.clear();
+            });
 }
 
 ZelProfiler::ZelProfiler(ProfilerKeyType key, uint64_t maxIter, std::string name, bool fastTrack)

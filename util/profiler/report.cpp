@@ -2,8 +2,8 @@
 //
 // Representative iterations are chosen once, by ranking the root's self time (the whole request)
 // across iterations; every stage is then shown in those same iterations, so that a row reads as
-// "this stage in the iteration that was typical for the request". The walks keep their own stack
-// (see the tree builder) so that deeply nested raw data cannot exhaust the thread's stack.
+// "this stage in the iteration that was typical for the request". Both go through the profiler's
+// tree walk, so that deeply nested raw data cannot exhaust the thread's stack.
 #include <algorithm>
 #include <stdexcept>
 #include <string>
@@ -83,16 +83,17 @@ ZelReturn ZelProfiler::show_result_multi_records(float ratio, int range) {
 
 ZelReturn ZelProfiler::show_result_nth_nodes(int start_rank, int end_rank,
                                              std::shared_ptr<ProfileNode> node) {
+    // Ranks outside the series cannot be answered: asking anyway would read past it, and a range
+    // of them is refused before anything is built for it.
+    const bool ranks_valid =
+            node && (end_rank < start_rank ||
+                     (start_rank >= 0 && static_cast<size_t>(end_rank) < node->self_time.size()));
     std::vector<int> ranks;
-    for (int rank = start_rank; rank <= end_rank; ++rank) {
+    for (int rank = start_rank; ranks_valid && rank <= end_rank; ++rank) {
         ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  ------- rank to find : %d\n", rank);
         ranks.push_back(rank);
     }
     std::vector<int> indices;
-    // Ranks outside the series cannot be answered; asking anyway would read past it.
-    const bool ranks_valid =
-            node && (ranks.empty() ||
-                     (start_rank >= 0 && static_cast<size_t>(end_rank) < node->self_time.size()));
     if (!ranks_valid ||
         algo::find_kth_biggest_indices_in_vector(node->self_time, ranks, indices) != 0 ||
         indices.size() != ranks.size()) {
@@ -116,22 +117,19 @@ ZelReturn ZelProfiler::show_result_nth_nodes(int start_rank, int end_rank,
 
 void ZelProfiler::show_records_7columns(int depth, std::vector<int> ranks, std::vector<int> indices,
                                         std::shared_ptr<ProfileNode> node) {
-    struct Frame {
-        ProfileNode* node;
-        int depth;
-        size_t next_child;
-    };
+    using profiler_internal::TreeWalk;
+    using profiler_internal::Visit;
     if (!node || ranks.size() != indices.size() ||
         !indices_valid(indices, node->self_time.size())) {
         ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Wrong iteration columns. ranks(%zu) indices(%zu)\n",
                 ranks.size(), indices.size());
         return;
     }
-    std::vector<Frame> stack;
 
-    // Prints one node's line (and, for TOTAL, the banner and heading). False when a cell is too
-    // wide: that node and its subtree are left out, the rest of the table goes on.
-    auto print_node = [&](ProfileNode* n, int d) {
+    // Prints one node's line (and, for TOTAL, the banner and heading). When a cell is too wide,
+    // that node and its subtree are left out and the rest of the table goes on.
+    auto print_node = [&](TreeWalk::Frame& frame, TreeWalk::Frame*) {
+        const ProfileNode* n = frame.node;
         if (n->label == TOTAL) {
             ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
                     "* ===========================================  Result: modelId(0x%016lx)  "
@@ -144,7 +142,7 @@ void ZelProfiler::show_records_7columns(int depth, std::vector<int> ranks, std::
                     ZEL_LOG(ZONE_ERR, PRINT_IF_ON,
                             "  laben name size is too big. so stop print. %d vs %d\n",
                             static_cast<int>(cell.size()), static_cast<int>(kCellLimit));
-                    return false;
+                    return Visit::kOver;
                 }
                 pad_append(heading, cell);
             }
@@ -159,11 +157,11 @@ void ZelProfiler::show_records_7columns(int depth, std::vector<int> ranks, std::
                         "  String size is big(%d). Timevalue(%lu) might be too big. so stop "
                         "print. (limit:%d)\n",
                         static_cast<int>(cell.size()), value, static_cast<int>(kCellLimit));
-                return false;
+                return Visit::kOver;
             }
             pad_append(line, cell);
         }
-        const std::string prefix = depth_prefix(d);
+        const std::string prefix = depth_prefix(frame.depth);
         if (n->labelPostfix != 0) {
             ZEL_LOG(ZONE_INF, PRINT_ALWAYS, "*  %s %s%s_0x%lx\n", line.c_str(), prefix.c_str(),
                     labelToString(n->label), n->labelPostfix);
@@ -171,28 +169,17 @@ void ZelProfiler::show_records_7columns(int depth, std::vector<int> ranks, std::
             ZEL_LOG(ZONE_INF, PRINT_ALWAYS, "*  %s %s%s\n", line.c_str(), prefix.c_str(),
                     labelToString(n->label));
         }
-        stack.push_back({n, d, 0});
-        return true;
+        return Visit::kInto;
     };
-
-    print_node(node.get(), depth);
-    while (!stack.empty()) {
-        Frame& frame = stack.back();
-        if (frame.next_child < frame.node->children.size()) {
-            ProfileNode* child = frame.node->children[frame.next_child++].get();
-            const int child_depth = frame.depth + 1;
-            print_node(child, child_depth);
-            continue;
-        }
-        if (frame.node->label == TOTAL) {
-            ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
-                    "* "
-                    "=============================================================================="
-                    "=============================================================================="
-                    "=\n");
-        }
-        stack.pop_back();
-    }
+    auto close_total = [](TreeWalk::Frame& frame, TreeWalk::Frame*) {
+        if (frame.node->label != TOTAL) return;
+        ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
+                "* "
+                "=============================================================================="
+                "=============================================================================="
+                "=\n");
+    };
+    profiler_internal::walk_tree(node.get(), depth, print_node, close_total);
 }
 
 ZelReturn ZelProfiler::show_result_summary() {
@@ -228,19 +215,16 @@ ZelReturn ZelProfiler::show_result_summary() {
 
 ZelReturn ZelProfiler::show_result_summary_nodes(int depth, int idx_90, int idx_median,
                                                  std::shared_ptr<ProfileNode> node) {
-    struct Frame {
-        ProfileNode* node;
-        int depth;
-        size_t next_child;
-    };
+    using profiler_internal::TreeWalk;
+    using profiler_internal::Visit;
     if (!node || !indices_valid({idx_90, idx_median}, node->self_time.size())) {
         ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Wrong summary iterations. 90%%(%d) median(%d)\n", idx_90,
                 idx_median);
         return 1;
     }
-    std::vector<Frame> stack;
 
-    auto print_node = [&](ProfileNode* n, int d) {
+    auto print_node = [&](TreeWalk::Frame& frame, TreeWalk::Frame*) {
+        const ProfileNode* n = frame.node;
         if (n->label == TOTAL) {
             ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
                     "* ============  Result: modelId(0x%016lx)  unit(us) iter(%8lu)  "
@@ -259,7 +243,7 @@ ZelReturn ZelProfiler::show_result_summary_nodes(int depth, int idx_90, int idx_
         const int64_t widened = static_cast<int32_t>(total);
         const double average =
                 static_cast<double>(static_cast<uint64_t>(widened)) / static_cast<double>(num_iter);
-        const std::string prefix = depth_prefix(d);
+        const std::string prefix = depth_prefix(frame.depth);
         if (n->labelPostfix != 0) {
             ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
                     "*       %12.1f          %12lu        %12lu    %s%s_0x%lx\n", average,
@@ -270,26 +254,16 @@ ZelReturn ZelProfiler::show_result_summary_nodes(int depth, int idx_90, int idx_
                     average, n->self_time[idx_median], n->self_time[idx_90], prefix.c_str(),
                     labelToString(n->label));
         }
-        stack.push_back({n, d, 0});
+        return Visit::kInto;
     };
-
-    print_node(node.get(), depth);
-    while (!stack.empty()) {
-        Frame& frame = stack.back();
-        if (frame.next_child < frame.node->children.size()) {
-            ProfileNode* child = frame.node->children[frame.next_child++].get();
-            const int child_depth = frame.depth + 1;
-            print_node(child, child_depth);
-            continue;
-        }
-        if (frame.node->label == TOTAL) {
-            ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
-                    "* "
-                    "=============================================================================="
-                    "===========\n");
-        }
-        stack.pop_back();
-    }
+    auto close_total = [](TreeWalk::Frame& frame, TreeWalk::Frame*) {
+        if (frame.node->label != TOTAL) return;
+        ZEL_LOG(ZONE_INF, PRINT_ALWAYS,
+                "* "
+                "=============================================================================="
+                "===========\n");
+    };
+    profiler_internal::walk_tree(node.get(), depth, print_node, close_total);
     return 0;
 }
 

@@ -2,9 +2,9 @@
 //
 // The tree is flattened once, in pre-order, into stages whose constant parts of the event text
 // (name, track, label, postfix) are prepared up front; each iteration then only adds its times and
-// iteration key. The walk keeps its own stack, like the tree builder, so that a deeply nested
-// profile from another process cannot exhaust the thread's stack, and it never takes more stages
-// than the raw data has opening records, so that a tree altered into a cycle still ends.
+// iteration key. The profiler's tree walk keeps a deeply nested profile from exhausting the
+// thread's stack, and the flattening never takes more stages than the raw data has opening
+// records, so that a tree altered into a cycle still ends.
 #include "util/zel_utils_profiler_trace.h"
 
 #include <algorithm>
@@ -175,21 +175,24 @@ uint64_t trace_pid(ProfilerKeyType key) {
 
 // Flattens the tree in pre-order. False when it cannot belong to this profiler's raw data.
 bool flatten(const ZelProfiler& p, std::vector<Stage>* stages) {
+    using profiler_internal::TreeWalk;
+    using profiler_internal::Visit;
     std::string pid;
     append_u64(pid, trace_pid(p.key));
-    std::vector<std::pair<const ProfileNode*, int64_t>> pending;
-    for (auto child = p.root->children.rbegin(); child != p.root->children.rend(); ++child)
-        pending.emplace_back(child->get(), -1);
-    while (!pending.empty()) {
-        const auto [node, parent] = pending.back();
-        pending.pop_back();
+    // A frame's value is its stage's index; the root is no stage.
+    auto enter = [&](TreeWalk::Frame& frame, TreeWalk::Frame* parent) {
+        if (parent == nullptr) {
+            frame.value = static_cast<uint64_t>(-1);
+            return Visit::kInto;
+        }
         // Every stage has its own opening record within an iteration.
-        if (node == nullptr || stages->size() >= p.num_label || node->start_idx < 0 ||
+        const ProfileNode* node = frame.node;
+        if (stages->size() >= p.num_label || node->start_idx < 0 ||
             static_cast<uint64_t>(node->start_idx) >= p.num_label ||
             node->start_time.size() < p.num_iter || node->end_time.size() < p.num_iter) {
-            return false;
+            return Visit::kStop;
         }
-        Stage stage{node, parent, side_of(node->label), "", ""};
+        Stage stage{node, static_cast<int64_t>(parent->value), side_of(node->label), "", ""};
         std::string name = ZelProfiler::labelToString(node->label);
         if (node->labelPostfix != 0) {
             name += '_';
@@ -203,12 +206,12 @@ bool flatten(const ZelProfiler& p, std::vector<Stage>* stages) {
         stage.tail = ",\"label\":" + std::to_string(node->label) + ",\"postfix\":\"";
         append_hex(stage.tail, node->labelPostfix);
         stage.tail += "\"}}";
-        const int64_t index = static_cast<int64_t>(stages->size());
+        frame.value = stages->size();
         stages->push_back(std::move(stage));
-        for (auto child = node->children.rbegin(); child != node->children.rend(); ++child)
-            pending.emplace_back(child->get(), index);
-    }
-    return true;
+        return Visit::kInto;
+    };
+    return profiler_internal::walk_tree(p.root.get(), 0, enter,
+                                        [](TreeWalk::Frame&, TreeWalk::Frame*) {});
 }
 
 // Picks a lane for each iteration so that the iterations in one lane do not overlap: the lane
@@ -257,8 +260,7 @@ ZelReturn write_trace(const ZelProfiler& p, uint64_t max_events, TraceOut& out) 
         return 1;
     }
     std::vector<Stage> stages;
-    if (!p.root || p.num_iter == 0 || p.num_label == 0 || p.rawdata == nullptr ||
-        !counts_fit(p.num_iter, p.num_label, p.rawdata_size) || !flatten(p, &stages)) {
+    if (!p.root || p.num_iter == 0 || p.num_label == 0 || !flatten(p, &stages)) {
         ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
                 "* Trace: profile tree does not match its raw data. num_iter(%lu) num_label(%lu)\n",
                 p.num_iter, p.num_label);
@@ -274,6 +276,8 @@ ZelReturn write_trace(const ZelProfiler& p, uint64_t max_events, TraceOut& out) 
                 "* Trace holds %lu of %lu iterations: limit of %lu events\n", iterations,
                 p.num_iter, max_events);
     }
+    // Each exported iteration reads its iteration keys from the raw data.
+    if (!profiler_internal::rawdata_holds(p, iterations)) return 1;
 
     out.text = "{\"displayTimeUnit\":\"ms\",\"otherData\":{\"profiler\":";
     append_json_string(out.text, p.name);
