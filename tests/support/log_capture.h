@@ -20,7 +20,6 @@ class LogCapture {
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
-
     std::vector<LogLine> lines() const;
     std::vector<std::string> messages() const;        // the texts, in order
     bool contains(const std::string& message) const;  // some line is exactly `message`
@@ -28,9 +27,9 @@ class LogCapture {
     void clear();
 };
 
-// The text zel_print_log produces for a printf-style line: "2.1.17: " + text.
+// The text of a printf-style line: "2.1.17: " + text; of a stream-style line (ZEL_MSG,
+// ZelMsgHandler): "2.1.17:   " + text + "\n".
 std::string Line(const std::string& text);
-// The text of a stream-style line (ZEL_MSG / ZelMsgHandler): "2.1.17:   " + text + "\n".
 std::string MsgLine(const std::string& text);
 
 }  // namespace zel_test
