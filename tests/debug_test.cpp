@@ -28,6 +28,7 @@ TEST_F(DebugTest, ZoneOperationsAndTheMaskTestWorkIn32Bits) {
     EXPECT_EQ(3, zel_set_debug_zone(static_cast<DbgPartition>(22)));
     EXPECT_EQ(3, zel_clr_debug_zone(static_cast<DbgPartition>(22)));
     EXPECT_EQ(0x200003u, DbgPrintManager::GetInstance()->get_print_mask());
+    EXPECT_EQ(0, zel_clr_debug_zone(static_cast<DbgPartition>(21)));
     // The complement is taken in 32 bits, so clearing any zone drops bits 32..63 as well.
     Set(0xFFFF00000000000FUL);
     EXPECT_EQ(0, zel_clr_debug_zone(ZONE_ERR));
