@@ -2,18 +2,16 @@
 # Builds the libFuzzer targets (preset "fuzz": clang, ASan + UBSan) and runs each for a bounded
 # time. Usage: scripts/fuzz.sh [seconds-per-target] [target...]   (default 60 s, every target)
 #
-# Each target starts from its committed seeds (fuzz/corpus/<target>), the seeds that make_seeds
-# writes now with the library's own code, and the corpus grown by earlier runs on this machine
-# (build/fuzz/corpus/<target>). A crash, leak, sanitizer report or timeout fails the script and
-# leaves the input in build/fuzz/artifacts/.
+# Each target starts from its committed seeds (fuzz/corpus/<target>) and the corpus grown by
+# earlier runs on this machine (build/fuzz/corpus/<target>). A crash, leak, sanitizer report or
+# timeout fails the script and leaves the input in build/fuzz/artifacts/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-60}"
 shift || true
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-    targets=(client_rawdata_fuzzer client_mem_fuzzer device_buffer_fuzzer file_fuzzer
-             kth_selection_fuzzer memory_manager_fuzzer)
+    targets=(profile_handover_fuzzer file_fuzzer kth_selection_fuzzer memory_manager_fuzzer)
 fi
 
 scripts/install-deps.sh
@@ -21,8 +19,6 @@ cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz --target zel_fuzzers
 
 out=build/fuzz
-rm -rf "$out/seeds"
-"$out/fuzz/make_seeds" "$out/seeds"
 mkdir -p "$out/artifacts"
 
 export ASAN_OPTIONS="detect_leaks=1:${ASAN_OPTIONS:-}"
@@ -40,7 +36,7 @@ for target in "${targets[@]}"; do
     set +e
     "$out/fuzz/$target" -max_total_time="$seconds" -timeout=30 -rss_limit_mb=4096 \
         -malloc_limit_mb=4096 -print_final_stats=1 -artifact_prefix="$out/artifacts/$target-" \
-        "$corpus" "fuzz/corpus/$target" "$out/seeds/$target" >"$log" 2>&1
+        "$corpus" "fuzz/corpus/$target" >"$log" 2>&1
     rc=$?
     set -e
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)

@@ -1,20 +1,16 @@
-// Soak: eight threads record into their registered profilers while another logs at every zone
-// and a third creates, imports and deletes buffers. Bounded by counts, not time. Every record,
-// log line and buffer must be accounted for afterwards, and every descriptor given back. Run
-// under ThreadSanitizer and LeakSanitizer by CI.
-#include <android/log.h>
+// Soak: eight threads record into their registered profilers while another logs at every zone and
+// a third creates, imports and deletes buffers, bounded by counts, not time. Every record, log line
+// and buffer must be accounted for afterwards and every descriptor given back. CI runs it under
+// ThreadSanitizer and LeakSanitizer.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstring>
-#include <functional>
-#include <string>
+#include <algorithm>
 #include <thread>
-#include <vector>
 
 #include "src/common/zel_memory/memory_manager.h"
+#include "support/log_capture.h"
 #include "support/proc_stats.h"
 #include "util/zel_utils_profiler_wrapper.h"
 
@@ -22,103 +18,70 @@ namespace {
 
 using namespace zel::util;
 using namespace zel::memory;
-
-constexpr int kRecorders = 8;
-constexpr int kIterations = 400;
-constexpr int kLogRounds = 2000;
-constexpr int kBufferRounds = 300;
-constexpr int kZones = 8;  // zones 0..7 have zone-table entries
-
-// Counts the soak thread's own lines; every other line is dropped.
-std::atomic<int> g_soak_lines{0};
-
-#if defined(__ANDROID__)
-void CountingLogger(const struct __android_log_message* message) {
-    if (std::strstr(message->message, "soak line") != nullptr) ++g_soak_lines;
-}
-#else
-void CountingLogger(const struct __android_logger_data*, const char* message) {
-    if (std::strstr(message, "soak line") != nullptr) ++g_soak_lines;
-}
-#endif
-
-void Record(ProfilerKeyType model) {
-    for (int i = 0; i < kIterations; ++i) {
-        const ProfilerKeyType iter = static_cast<ProfilerKeyType>(i);
-        ZelProfilerWrapper::profile_from(model, SERVICE, 0, iter);
-        ZelProfilerWrapper::profile_from(model, ENGINE, 0, iter);
-        ZelProfilerWrapper::profile_from(model, NPU_UD, model, iter);
-        ZelProfilerWrapper::profile_until(model, NPU_UD, model, iter);
-        ZelProfilerWrapper::profile_until(model, ENGINE, 0, iter);
-        ZelProfilerWrapper::profile_from(model, DD, 1, iter);
-        ZelProfilerWrapper::profile_until(model, DD, 1, iter);
-        ZelProfilerWrapper::profile_until(model, SERVICE, 0, iter);
-    }
-}
-
-void Log() {
-    for (int round = 0; round < kLogRounds; ++round) {
-        for (int zone = 0; zone < kZones; ++zone) {
-            ZEL_LOG(zone, zel::debug::PRINT_TRACE, "  soak line %d\n", round);
-            ZEL_MSG(zone) << "soak line " << round << std::endl;
-        }
-    }
-}
+using W = ZelProfilerWrapper;
 
 // Each round makes a heap, a device, an imported and a dummy buffer, writes at the ends of the
 // shared ones and deletes one by a copy of the user's record, the others by their shared pointers.
 void Buffers(MemoryManager& manager, int source) {
     char own[256];
-    for (int round = 0; round < kBufferRounds; ++round) {
+    for (int round = 0; round < 300; ++round) {
         Buffer::sptr heap = manager.create_memory(ZEL_MM_HEAP, 4096 + round, 0);
         Buffer::sptr device = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 8192, round & 1);
         Buffer::sptr imported = manager.import_memory(source, 16384, 4096, 4096);
-        Buffer::sptr dummy = manager.dummy_memory(-1, sizeof(own), 64, 32, own);
-        ASSERT_TRUE(heap && device && imported && dummy) << round;
+        ASSERT_TRUE(heap && device && imported && manager.dummy_memory(-1, 256, 64, 32, own));
         static_cast<char*>(device->va)[8191] = 1;
         static_cast<char*>(imported->va)[4095] = 2;
         ZelBuffer copy = *manager.get_user_raw_buffer(heap);
-        EXPECT_EQ(0, manager.delete_memory(&copy)) << round;
-        EXPECT_EQ(0, manager.delete_memory(device)) << round;
-        EXPECT_EQ(0, manager.delete_memory(imported)) << round;
-        EXPECT_EQ(5, manager.delete_memory(&copy)) << round;  // already gone
+        EXPECT_EQ(0, manager.delete_memory(&copy) + manager.delete_memory(device) +
+                             manager.delete_memory(imported));
+        EXPECT_EQ(5, manager.delete_memory(&copy));  // already gone
     }
 }
 
-TEST(Soak, RecordingLoggingAndBuffersTogether) {
+TEST(SoakTest, RecordingLoggingAndBuffersTogether) {
     const int fds = zel_test::CountOpenFds();
-    __android_log_set_logger(CountingLogger);
-    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    zel_test::LogCapture log;
     zel::debug::DbgPrintManager::GetInstance()->set_mask(0xFF);
-
-    ZelProfilerWrapper::initialize(PROFILE_ON, 0);
-    for (int t = 1; t <= kRecorders; ++t)
-        ZelProfilerWrapper::create_profiler(static_cast<ProfilerKeyType>(t));
-    {
-        MemoryManager manager;
-        const int source = memfd_create("zel_soak_source", MFD_CLOEXEC);
-        ASSERT_EQ(0, ftruncate(source, 16384));
-        std::vector<std::thread> threads;
-        for (int t = 1; t <= kRecorders; ++t)
-            threads.emplace_back(Record, static_cast<ProfilerKeyType>(t));
-        threads.emplace_back(Log);
-        threads.emplace_back(Buffers, std::ref(manager), source);
-        for (std::thread& thread : threads)
-            thread.join();
-        EXPECT_EQ("", manager.to_string());
-        close(source);
+    W::initialize(PROFILE_ON, 0);
+    for (ProfilerKeyType model = 1; model <= 8; ++model)
+        W::create_profiler(model);  // all before any thread: the registry takes no lock
+    MemoryManager manager;
+    const int source = memfd_create("zel_soak_source", MFD_CLOEXEC);
+    ASSERT_EQ(0, ftruncate(source, 16384));
+    std::vector<std::thread> threads;
+    for (ProfilerKeyType model = 1; model <= 8; ++model) {
+        threads.emplace_back([model] {
+            for (ProfilerKeyType i = 0; i < 400; ++i) {
+                for (ProfileLabel label : {SERVICE, ENGINE, NPU_UD})
+                    W::profile_from(model, label, model, i);
+                for (ProfileLabel label : {NPU_UD, ENGINE, SERVICE})
+                    W::profile_until(model, label, model, i);
+            }
+        });
     }
-
-    EXPECT_EQ(kLogRounds * kZones * 2, g_soak_lines.load());
-    for (int t = 1; t <= kRecorders; ++t) {
-        const auto model = static_cast<ProfilerKeyType>(t);
-        EXPECT_EQ(static_cast<uint64_t>(kIterations),
-                  ZelProfilerWrapper::get_profiler_iteration(model));
-        EXPECT_EQ(8u, ZelProfilerWrapper::get_profiler_num_label(model));
-        ZelProfilerWrapper::remove_profiler(model);
+    threads.emplace_back([] {
+        for (int round = 0; round < 2000; ++round) {
+            for (uint64_t zone = 0; zone < 8; ++zone) {  // every zone with a table entry
+                ZEL_LOG(zone, zel::debug::PRINT_TRACE, "  soak line %d\n", round);
+                ZEL_MSG(zone) << "soak line " << round << std::endl;
+            }
+        }
+    });
+    threads.emplace_back(Buffers, std::ref(manager), source);
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ("", manager.to_string());
+    close(source);
+    const std::vector<std::string> lines = log.messages();
+    EXPECT_EQ(2000 * 8 * 2, std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+                  return line.find("soak line") != std::string::npos;
+              }));
+    for (ProfilerKeyType model = 1; model <= 8; ++model) {
+        EXPECT_EQ(400u, W::get_profiler_iteration(model));
+        EXPECT_EQ(6u, W::get_profiler_num_label(model));
+        W::remove_profiler(model);
     }
-    EXPECT_TRUE(ZelProfilerWrapper::profilerMap_.empty());
-    __android_log_set_logger(__android_log_stderr_logger);
+    EXPECT_TRUE(W::profilerMap_.empty());
     EXPECT_EQ(fds, zel_test::CountOpenFds());
 }
 

@@ -12,28 +12,24 @@ struct LogLine {
     std::string message;
 };
 
-// While alive, every log line of the process is recorded (and not printed). Lines of every
-// priority reach it. Only one capture may be alive at a time.
+// While alive, every log line of the process, of every priority, is recorded instead of printed.
+// Only one capture may be alive at a time.
 class LogCapture {
   public:
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
-
     std::vector<LogLine> lines() const;
-    // Message texts only, in order.
-    std::vector<std::string> messages() const;
-    // True if some line's message is exactly `message`.
-    bool contains(const std::string& message) const;
-    // Number of lines whose message is exactly `message`.
-    size_t count(const std::string& message) const;
+    std::vector<std::string> messages() const;        // the texts, in order
+    bool contains(const std::string& message) const;  // some line is exactly `message`
+    size_t count(const std::string& message) const;   // lines that are exactly `message`
     void clear();
 };
 
-// The message text that zel_print_log produces for a printf-style line: "2.1.17: " + text.
+// The text of a printf-style line: "2.1.17: " + text; of a stream-style line (ZEL_MSG,
+// ZelMsgHandler): "2.1.17:   " + text + "\n".
 std::string Line(const std::string& text);
-// The message text of a stream-style line (ZEL_MSG / ZelMsgHandler): "2.1.17:   " + text + "\n".
 std::string MsgLine(const std::string& text);
 
 }  // namespace zel_test

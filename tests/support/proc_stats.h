@@ -7,5 +7,9 @@ namespace zel_test {
 int CountOpenFds();
 // Mappings of this process (lines of /proc/self/maps).
 int CountMappings();
+// Mappings of memfd-backed memory: device buffers and imports on a host. Heap blocks and thread
+// stacks come and go with the allocator's caches, so this is the count that says what was given
+// back.
+int CountMemfdMappings();
 
 }  // namespace zel_test
