@@ -237,20 +237,34 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
                (W::profilerMap_.at(kModel) == service ? " kept " : " replaced ") +
                std::to_string(service->num_label) + (service->show_flag ? " shown" : "");
     });
+    // A device profile that was never converted is merged all the same: the merge reports the
+    // differing iteration counts, finds its docking stage, and stops at the first record the
+    // device profile does not hold.
+    const auto Unconverted = [](int iterations, int op) {
+        return "* Wrong merge usage. iter diff. (" + std::to_string(iterations) +
+               ") vs (3)\n* Raw data too small for its counts. name[device] num_iter(" +
+               std::to_string(iterations) + ") num_label(6) size(0)\n* Fail to merge child(0x" +
+               std::to_string(op) + "\n";
+    };
     EXPECT_EQ(
             "* Wrong merge usage. iter diff. (4) vs (3)\n* Fail to find node(API:25) in tree.\n"
-            "* Fail to fill index\n* Fail to fill_offset_ingredient_treer\n"
-            "* Fail to merge child(0x2\n* Device num_iter(100) beyond the buffer. size(152)\n"
-            "* Fail to convert_to_rawdata\n* Fail to merge child(0x3\n"
-            "* No device slot for label(DD_ROOT)\n* Fail to convert_to_rawdata\n"
-            "* Fail to merge child(0x4\n"
-            "* Client profile counts disagree with its size. size(160) num_iter(2) num_label(4)\n"
-            "* Client profile counts disagree with its size. size(-1) num_iter(1) num_label(4)\n"
-            "* Client profile counts disagree with its size. size(160) num_iter(-1) num_label(4)\n"
-            "* Wrong flow. We already have rawdata\n"
-            "* Fail to process queue data to rawdata.(default)\n"
-            "* Fail to finalize profilerFromClient at merge stage\n"
-            "-TTT 0 0 0 12 20 30 1111 left 0 kept 16 shown",
+            "* Fail to fill index\n* Fail to fill_offset_ingredient_treer\n" +
+                    Unconverted(1, 2) +
+                    "* Device num_iter(100) beyond the buffer. size(152)\n"
+                    "* Fail to convert_to_rawdata\n" +
+                    Unconverted(100, 3) +
+                    "* No device slot for label(DD_ROOT)\n* Fail to convert_to_rawdata\n" +
+                    Unconverted(1, 4) +
+                    "* Client profile counts disagree with its size. size(160) num_iter(2) "
+                    "num_label(4)\n"
+                    "* Client profile counts disagree with its size. size(-1) num_iter(1) "
+                    "num_label(4)\n"
+                    "* Client profile counts disagree with its size. size(160) num_iter(-1) "
+                    "num_label(4)\n"
+                    "* Wrong flow. We already have rawdata\n"
+                    "* Fail to process queue data to rawdata.(default)\n"
+                    "* Fail to finalize profilerFromClient at merge stage\n"
+                    "-TTT 0 0 0 12 20 30 1111 left 0 kept 16 shown",
             result);
 }
 
