@@ -3,7 +3,21 @@
 
 #include <CLI/CLI.hpp>
 
+#include <string>
+
+#include "zel_prof/rawdata_file.h"
+
 namespace zel_prof {
+
+// The raw-data file of a command that reads one, and the counts that override what its records
+// imply.
+inline void AddRawDataFileOptions(CLI::App* command, std::string& path, RawDataCounts& counts) {
+    command->add_option("file", path, "Raw-data file (profile_rawdata_<key>.bin)")->required();
+    command->add_option("--iterations,-n", counts.iterations,
+                        "Iterations in the file (derived from the records when not given)");
+    command->add_option("--labels,-l", counts.labels,
+                        "Records per iteration (derived from the records when not given)");
+}
 
 // `zel-prof config`: the print mask and zone table this process was configured with.
 void AddConfigCommand(CLI::App& app);

@@ -299,13 +299,8 @@ void AddHtmlCommand(CLI::App& app) {
     static HtmlOptions options;
     CLI::App* command = app.add_subcommand(
             "html", "Write a raw-data file as one self-contained HTML page (charts, tree, table)");
-    command->add_option("file", options.path, "Raw-data file (profile_rawdata_<key>.bin)")
-            ->required();
+    AddRawDataFileOptions(command, options.path, options.counts);
     command->add_option("--output,-o", options.output, "HTML file to write")->required();
-    command->add_option("--iterations,-n", options.counts.iterations,
-                        "Iterations in the file (derived from the records when not given)");
-    command->add_option("--labels,-l", options.counts.labels,
-                        "Records per iteration (derived from the records when not given)");
     command->add_option("--key,-k", options.key, "Model id shown (default: from the file name)")
             ->each([](const std::string&) { options.key_given = true; });
     command->add_flag("--verbose,-v", options.verbose, "Show every library log line");

@@ -120,12 +120,7 @@ void AddReportCommand(CLI::App& app) {
     static ReportOptions options;
     CLI::App* command = app.add_subcommand(
             "report", "Print the summary and multi-record reports of a raw-data file");
-    command->add_option("file", options.path, "Raw-data file (profile_rawdata_<key>.bin)")
-            ->required();
-    command->add_option("--iterations,-n", options.counts.iterations,
-                        "Iterations in the file (derived from the records when not given)");
-    command->add_option("--labels,-l", options.counts.labels,
-                        "Records per iteration (derived from the records when not given)");
+    AddRawDataFileOptions(command, options.path, options.counts);
     command->add_option("--key,-k", options.key,
                         "Model id printed in the report (default: "
                         "from the file name)")

@@ -48,13 +48,8 @@ void AddTraceCommand(CLI::App& app) {
     static TraceOptions options;
     CLI::App* command = app.add_subcommand(
             "trace", "Write a raw-data file as a timeline (Trace Event Format JSON)");
-    command->add_option("file", options.path, "Raw-data file (profile_rawdata_<key>.bin)")
-            ->required();
+    AddRawDataFileOptions(command, options.path, options.counts);
     command->add_option("--output,-o", options.output, "Trace file to write (JSON)")->required();
-    command->add_option("--iterations,-n", options.counts.iterations,
-                        "Iterations in the file (derived from the records when not given)");
-    command->add_option("--labels,-l", options.counts.labels,
-                        "Records per iteration (derived from the records when not given)");
     command->add_option("--key,-k", options.key,
                         "Model id of the trace's process (default: from the file name)")
             ->each([](const std::string&) { options.key_given = true; });
