@@ -16,40 +16,24 @@ using zel_prof::MannWhitneyU;
 // Reference figures from SciPy 1.10: scipy.stats.mannwhitneyu(x, y, alternative='two-sided')
 // with its default method choice and continuity correction.
 TEST(ZelProfStatsTest, MatchesReferenceFigures) {
+    // clang-format off
     const struct {
         const char* name;
         std::vector<uint64_t> x, y;
         double u, p;
         bool exact;
     } kCases[] = {
-            {"exact",
-             {12, 15, 11, 19, 14},
-             {21, 18, 25, 17, 23, 20},
-             2.0,
-             0.017316017316017316,
-             true},
-            {"exact, one small side",
-             {3, 9, 1},
-             {2, 4, 5, 6, 7, 8, 10, 11, 12, 13},
-             7.0,
-             0.2167832167832168,
-             true},
-            {"exact, interleaved",
-             {5, 1, 9, 7, 3, 11, 13},
-             {2, 4, 6, 8, 10, 12, 14, 16},
-             21.0,
-             0.46340326340326343,
-             true},
-            {"normal, ties",
-             {10, 10, 11, 12, 12, 12, 13, 14, 15, 15},
-             {11, 12, 13, 13, 14, 15, 16, 16, 17, 18, 18, 19},
-             23.5,
-             0.01687887735914733,
-             false},
-            {"normal, small with ties", {4, 4, 5}, {5, 6, 6, 7}, 0.5, 0.0692003544198483, false},
-            {"all equal", std::vector<uint64_t>(9, 7), std::vector<uint64_t>(10, 7), 45.0, 1.0,
-             false},
+        {"exact", {12, 15, 11, 19, 14}, {21, 18, 25, 17, 23, 20}, 2.0, 0.017316017316017316, true},
+        {"exact, one small side", {3, 9, 1}, {2, 4, 5, 6, 7, 8, 10, 11, 12, 13}, 7.0,
+         0.2167832167832168, true},
+        {"exact, interleaved", {5, 1, 9, 7, 3, 11, 13}, {2, 4, 6, 8, 10, 12, 14, 16}, 21.0,
+         0.46340326340326343, true},
+        {"normal, ties", {10, 10, 11, 12, 12, 12, 13, 14, 15, 15},
+         {11, 12, 13, 13, 14, 15, 16, 16, 17, 18, 18, 19}, 23.5, 0.01687887735914733, false},
+        {"normal, small with ties", {4, 4, 5}, {5, 6, 6, 7}, 0.5, 0.0692003544198483, false},
+        {"all equal", std::vector<uint64_t>(9, 7), std::vector<uint64_t>(10, 7), 45.0, 1.0, false},
     };
+    // clang-format on
     for (const auto& c : kCases) {
         const zel_prof::MannWhitneyResult r = MannWhitneyU(c.x, c.y);
         EXPECT_DOUBLE_EQ(c.u, r.u) << c.name;
