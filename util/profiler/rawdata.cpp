@@ -102,22 +102,18 @@ ZelReturn ZelProfiler::finalize() {
         calculate_self_time();
         ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  calculate_self_time Done\n");
     } else {
-        // Same results, a block of iterations at a time: the block's times are still in cache
-        // when its self times are computed, so the cost stays linear however long the profile.
-        // A fill that would fail leaves no duration or self time behind, so it is found out
-        // first and then run as a whole, storing what it reaches before it fails.
+        // Same results with one pass over the raw data: every time is stored first (a fill
+        // that fails leaves no duration or self time behind), then the self times are computed a
+        // block of iterations at a time, so that a block's times stay in cache across the walk.
         const profiler_internal::RecordNodes nodes = profiler_internal::index_record_nodes(*this);
-        if (profiler_internal::fill_iterations(*this, nodes, 0, num_iter, false) != 0) {
-            profiler_internal::fill_iterations(*this, nodes, 0, num_iter);
+        if (profiler_internal::fill_iterations(*this, nodes, 0, num_iter) != 0) {
             ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to fill_data_to_tree\n");
             throw std::runtime_error("finalize fail\n");
         }
         constexpr uint64_t kBlock = 2048;
-        for (uint64_t begin = 0; begin < num_iter; begin += kBlock) {
-            const uint64_t end = std::min(num_iter, begin + kBlock);
-            profiler_internal::fill_iterations(*this, nodes, begin, end);
-            profiler_internal::calculate_self_time_all(root.get(), begin, end);
-        }
+        for (uint64_t begin = 0; begin < num_iter; begin += kBlock)
+            profiler_internal::calculate_self_time_all(root.get(), begin,
+                                                       std::min(num_iter, begin + kBlock));
     }
 
     finalized = true;
