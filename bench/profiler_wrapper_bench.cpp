@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
     return zel_bench::RunWithRatios(
             argc, argv,
             {{"profile_from+until / direct records", "BM_WrapperProfilePair/iterations:200000",
-              "BM_DirectRecordPair/iterations:200000", 2.0},
+              "BM_DirectRecordPair/iterations:200000", 1.25},
              {"filtered label pair / direct records", "BM_WrapperFilteredPair",
               "BM_DirectRecordPair/iterations:200000", 0.5}});
 }

@@ -16,10 +16,11 @@ struct ToolRun {
     std::string out;
 };
 
-// Runs zel-prof with `args`; standard error joins the output when `with_errors`.
+// Runs zel-prof with `args`; standard error joins the output when `with_errors`. A run that
+// outlasts its bound is killed with every process it started (status 124 or 137).
 ToolRun ZelProf(const std::string& args, bool with_errors = false) {
-    const std::string command =
-            std::string(ZEL_PROF_COMMAND) + " " + args + (with_errors ? " 2>&1" : " 2>/dev/null");
+    const std::string command = "timeout -k 10 300 " + std::string(ZEL_PROF_COMMAND) + " " + args +
+                                (with_errors ? " 2>&1" : " 2>/dev/null");
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) return {-1, ""};
     std::string out;

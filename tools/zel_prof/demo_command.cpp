@@ -1,9 +1,11 @@
 // `zel-prof demo`: starts the driver and client processes, runs the service in this one, and
 // reports how the three ended.
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -20,8 +22,12 @@ namespace {
 pid_t StartRole(int sock, int close_a, int close_b, int (*role)(int, const demo::DemoOptions&),
                 const demo::DemoOptions& options) {
     fflush(nullptr);
+    const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid != 0) return pid;
+    // A role never outlives the demo: killed or crashed, it takes its children down with it.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(1);
     close(close_a);
     close(close_b);
     const int status = role(sock, options);
