@@ -111,10 +111,21 @@ TEST_F(ProfilerTraceTest, RefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles
     EXPECT_NE(access(path.c_str(), F_OK), 0);
     p->root->children[0]->children[0]->end_time[1] = 2030;
     p->rawdata_size = 40 * 12;
-    EXPECT_EQ(export_trace_json(*p), "");
+    EXPECT_EQ(export_trace_to_file(*p, path.c_str()), 1);
     p->root->children.push_back(p->root->children[0]);
     p->root->children.push_back(p->root->children[0]);
-    EXPECT_EQ(export_trace_json(*p, 6), "");
+    EXPECT_EQ(export_trace_to_file(*p, path.c_str(), 6), 1);
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+    // A file that takes no bytes (a link, so that the failed export removes only the link).
+    const std::string full = testing::TempDir() + "zel_trace_full.json";
+    unlink(full.c_str());
+    ASSERT_EQ(symlink("/dev/full", full.c_str()), 0);
+    std::vector<uint64_t> bases(100);
+    for (uint64_t i = 0; i < bases.size(); ++i)
+        bases[i] = 1000 * i;
+    EXPECT_EQ(export_trace_to_file(*Stages(bases), full.c_str()), 1);
+    EXPECT_TRUE(log.contains(Line("* Fail to write trace file(" + full + ")\n")));
+    unlink(full.c_str());
     for (const char* line :
          {"* Fail to open trace file(/nonexistent/dir/t.json)\n",
           "* Trace: stage(CLIENT:0x0) iter[1] start(2010) end(2075) lies outside its parent\n",
