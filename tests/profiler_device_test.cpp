@@ -139,6 +139,15 @@ TEST(ProfilerDeviceTest, DriverCountIsReadOnlyAsFarAsTheBuffer) {
     EXPECT_EQ(1, device.fill_rawdata_entry(0, index, 5, device.ingredient_root, time));
     index = 29;
     EXPECT_EQ(1, device.fill_rawdata_entry(0, index, 0, leaf, time));
+    // An FW area that starts past the buffer's end holds no iteration.
+    device.split_offset_ = device.device_memory->size;
+    claimed = 1;
+    memcpy(device.device_memory->va, &claimed, 8);
+    device.update_num_iteration();
+    zel::debug::DbgPrintManager::GetInstance()->set_mask(0x8);
+    device.show_dev_output();
+    zel::debug::DbgPrintManager::GetInstance()->set_mask(0);
+    EXPECT_EQ(log.messages().back(), Line("* Device num_iter(1) beyond the buffer. size(104)\n"));
 }
 
 }  // namespace
