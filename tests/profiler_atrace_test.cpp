@@ -42,8 +42,8 @@ void atrace_async_end_body(const char* name, int32_t cookie) {
 namespace {
 using namespace zel::util;
 
-// Two requests in flight (CLIENT around DD_0x1, iteration 1's CLIENT ended by another thread),
-// then a plain profile finalized and a record after it. Returns the sections and the log.
+// Two requests in flight (iteration 1's CLIENT ended by another thread), then a plain profile
+// finalized and a record after it.
 std::pair<Sections, std::vector<std::string>> Record(uint64_t tags) {
     g_tags = tags;
     g_sections.clear();

@@ -1,5 +1,4 @@
-// The service meeting profiles from outside: device buffers as a driver may leave them, and
-// client profile memory whose counts need not match it.
+// The service meeting device buffers and client profile memory it cannot trust.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -54,9 +53,8 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
         DeviceProfileInfo info[5] = {};
         for (uint64_t op = 1; op <= 4; ++op)
             W::create_device_profiler(kModel, op, info[op]);
-        // 1: four iterations for a limit of three, all inside the buffer; 2: a label outside the
-        // tree; 3: num_iter beyond the buffer; 4: empty slots, which bind to the tree's root and
-        // leave the stages unbound.
+        // 1: four iterations for a limit of three; 2: a label outside the tree; 3: num_iter beyond
+        // the buffer; 4: empty slots, leaving the stages unbound.
         for (uint64_t k = 0; k < 3; ++k)
             WriteDevice(info[1].va, info[1].split_offset, k, 30, 20, 12);
         WriteDevice(info[2].va, info[2].split_offset, 0, 3, 2, 1, API);
@@ -91,8 +89,7 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
         ZelProfiler late(kModel, client, 160, 10, 1, 4);
         late.add_record_start(API, 0, 0);
         codes += std::to_string(W::merge_client_service_profilers(kModel, &late)) + " ";
-        // A client packs its profile once; no records is a header alone; a size without an array
-        // is refused.
+        // Packed once; no records is a header alone; a size without an array is refused.
         ZelClientProfiler none(kModel, 10, false), claimed(kModel, 10, false);
         claimed.rawdata_size = 40;
         const auto packed = none.fill_profile_mem_to_send_service();
@@ -109,9 +106,7 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
                (W::profilerMap_.at(kModel) == service ? " kept " : " replaced ") +
                std::to_string(service->num_label) + (service->show_flag ? " shown" : "");
     });
-    // A device profile that was never converted is merged all the same: the merge reports the
-    // differing iteration counts, finds its docking stage, and stops at the first record the
-    // device profile does not hold.
+    // An unconverted device profile is merged all the same and stops at its first missing record.
     const auto Unconverted = [](int iterations, int op) {
         return "* Wrong merge usage. iter diff. (" + std::to_string(iterations) +
                ") vs (3)\n* Raw data too small for its counts. name[device] num_iter(" +

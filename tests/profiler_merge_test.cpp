@@ -35,8 +35,7 @@ TEST_F(ProfilerMergeTest, SplicesTheChildUnderTheDockingStage) {
     parent->set_leaf_docking_point({DSP_OP, 9});
     EXPECT_EQ(parent->merge(child.get()) + parent->merge(nullptr), 2);
     EXPECT_EQ(parent->rawdata, before);
-    // Three child iterations into four: reported, and the fourth gets the child's stages with
-    // no duration at the docking stage's start.
+    // Three child iterations into four: the fourth gets the child's stages without duration.
     parent->set_leaf_docking_point({SERVICE, 0});
     ASSERT_EQ(parent->merge(child.get()), 0);
     EXPECT_FALSE(parent->finalized);
@@ -53,9 +52,8 @@ TEST_F(ProfilerMergeTest, SplicesTheChildUnderTheDockingStage) {
     EXPECT_EQ(service->self_time[1], 80u);  // 100 less the child's 20
     EXPECT_EQ(service->children.at(0)->duration[2] * 10 + service->children[0]->duration[3], 200u);
 
-    // Counts beyond the array stop only what would read past it: a child that claims five and
-    // holds two merges into a parent of two; a parent that claims three and holds two fails at
-    // the third, unchanged; a child holding no iteration has nothing to dock.
+    // Counts beyond the array stop only what would read past it; an empty child has nothing to
+    // dock.
     EXPECT_EQ(Profile(true, 2, 2)->merge(Profile(false, 2, 5).get()), 0);
     auto claims = Profile(true, 2, 3);
     EXPECT_EQ(claims->merge(Profile(false, 3, 3).get()), 1);

@@ -63,8 +63,7 @@ TEST_F(ProfilerReportTest, ReportsLineForLine) {
     EXPECT_EQ(log.messages(), Lines({"* Output show flag OFF. Skip print profile\n"}));
     log.clear();
     p->show_output(true);
-    // Ranks 6..9 of the root's self time are iterations 8, 4, 6, 2; the median (rank 5) is
-    // iteration 0 and the 90% (rank 9) iteration 2, for every stage alike.
+    // Ranks 6..9 are iterations 8, 4, 6, 2; the median is iteration 0, the 90% iteration 2.
     const std::string heading = "* " + Cells({" [6th]", " [7th]", " [8th]", " [9th]"}) + "\n";
     const std::string stage = Cells({"140", "150", "160", "170"});
     const std::string avg = "*              125.0                   130                 170    ";
@@ -85,9 +84,8 @@ TEST_F(ProfilerReportTest, ReportsLineForLine) {
 }
 
 TEST_F(ProfilerReportTest, EdgeCasesAndRefusals) {
-    // One iteration: both selections take rank 0. A 16-digit self time; a label above 25. The
-    // root's own cell is already too wide: the table stops after its heading; the summary still
-    // runs, its average from a 32-bit total read back negative.
+    // One iteration, a 16-digit self time, a label above 25: the table stops after its heading;
+    // the summary's average comes from a 32-bit total read back negative.
     const uint64_t big = 1000000000000000ULL;
     auto p = FromRecords({Start(TOTAL, 7, 0), Start(API, 0, 1), End(API, 0, big + 1),
                           Start(40, 3, big + 2), End(40, 3, big + 5), End(TOTAL, 7, big + 9)},

@@ -26,9 +26,8 @@ std::string Hex(uint64_t value) {
     return text.str();
 }
 
-// Modes given to initialize, then: the mode tests (on, detail, skip client, service, driver, fast
-// track), device profilers made, label mask, print flags of client, service and device. Without
-// the service each side prints its own data; a second initialize adds.
+// Modes given to initialize, then: the mode tests, device profilers made, label mask, print flags
+// of client, service and device. A second initialize adds.
 TEST(ProfilerWrapperTest, LabelMaskAndPrintFlagsFollowTheMode) {
     const char* const cases[] = {"1",     "100000 1 0x3d6a000 000",
                                  "3",     "110000 1 0x3fff000 000",
