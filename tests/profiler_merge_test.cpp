@@ -20,8 +20,10 @@ std::unique_ptr<ZelProfiler> Profile(bool parent, uint64_t held, uint64_t claime
         else
             r.insert(r.end(), {Start(CPU_UD, 3, 5, i), End(CPU_UD, 3, 25, i)});
     }
-    auto p = FromRecords(r.empty() ? std::vector<ZelProfileData>(1) : r, claimed, parent ? 4 : 2);
-    p->rawdata_size = r.size() * 40;
+    const uint64_t records = r.size();
+    r.push_back(Start(DSP_OP, 9, 0));  // past the records held: no docking stage
+    auto p = FromRecords(r, claimed, parent ? 4 : 2);
+    p->rawdata_size = records * 40;
     p->set_leaf_docking_point({SERVICE, 0});
     p->relative_timestamp = !parent;
     return p;

@@ -111,11 +111,15 @@ TEST_F(ProfilerTest, TimesAgreeTracedOrQuietAndAFailedFillComputesNone) {
                              1, 6)
                          ->finalize(),
                  std::runtime_error);
-    for (const char* line : {"* Wrong flow! timestamp(TOTAL:4999030) is smaller than previous "
-                             "timestamp(TOTAL:4999046).  iter[4999]\n",
-                             "* Raw data too small for its counts. name[default] num_iter(5000) "
-                             "num_label(8) size(1599680)\n",
-                             "* Fail to find end label. label_count[3]\n"})
+    for (const char* line :
+         {"* Wrong flow! timestamp(TOTAL:4999030) is smaller than previous "
+          "timestamp(TOTAL:4999046).  iter[4999]\n",
+          "* Raw data too small for its counts. name[default] num_iter(5000) "
+          "num_label(8) size(1599680)\n",
+          "* Fail to find end label. label_count[3]\n",
+          "  -- depth[0] idx[0] child[0] --> duration(90)\n",
+          "  [0] label(TOTAL             ) labelPostfix(0x               7) type(   "
+          "0) iterKey(0x               0) timestamp(0)\n"})
         EXPECT_TRUE(log.contains(Line(line))) << line;
     EXPECT_EQ(log.count(Line("* Fail to fill_data_to_tree\n")), 3u);
 }
