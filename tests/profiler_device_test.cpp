@@ -148,6 +148,8 @@ TEST(ProfilerDeviceTest, DriverCountIsReadOnlyAsFarAsTheBuffer) {
     device.show_dev_output();
     zel::debug::DbgPrintManager::GetInstance()->set_mask(0);
     EXPECT_EQ(log.messages().back(), Line("* Device num_iter(1) beyond the buffer. size(104)\n"));
+    EXPECT_EQ(2, device.fill_offset_ingredient_tree() +
+                         device.fill_rawdata_entry(0, index, 0, nullptr, time));
 }
 
 }  // namespace
