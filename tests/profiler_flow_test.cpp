@@ -88,7 +88,10 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
         // Records queued after raw data exist make the client profile's finalize fail.
         ZelProfiler late(kModel, client, 160, 10, 1, 4);
         late.add_record_start(API, 0, 0);
-        codes += std::to_string(W::merge_client_service_profilers(kModel, &late)) + " ";
+        ZelProfileData api[] = {client[0], client[3]};  // no CLIENT stage to dock at
+        ZelProfiler alone(kModel, api, 80, 10, 1, 2);
+        codes += std::to_string(W::merge_client_service_profilers(kModel, &late));
+        codes += std::to_string(W::merge_client_service_profilers(kModel, &alone)) + " ";
         // Packed once; no records is a header alone; a size without an array is refused.
         ZelClientProfiler none(kModel, 10, false), claimed(kModel, 10, false);
         claimed.rawdata_size = 40;
@@ -131,9 +134,11 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
                     "* Wrong flow. We already have rawdata\n"
                     "* Fail to process queue data to rawdata.(default)\n"
                     "* Fail to finalize profilerFromClient at merge stage\n"
+                    "* Wrong merge usage. iter diff. (3) vs (1)\n"
+                    "* Fail to find parent's leaf(CLIENT:0x0)\n* Fail to merge profiler\n"
                     "* Data to Service : model_id(0x7) num_label(0) num_iter(0) size(24)\n"
                     "* Cannot pack rawdata((nil)) size(40) to send service\n"
-                    "-TTT 0 0 0 12 20 30 1111 111 left 0 kept 16 shown",
+                    "-TTT 0 0 0 12 20 30 11111 111 left 0 kept 16 shown",
             result);
 }
 
