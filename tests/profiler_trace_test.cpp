@@ -117,10 +117,7 @@ TEST_F(ProfilerTraceTest, RefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles
     const std::string full = testing::TempDir() + "zel_trace_full.json";
     unlink(full.c_str());
     ASSERT_EQ(symlink("/dev/full", full.c_str()), 0);
-    std::vector<uint64_t> bases(100);
-    for (uint64_t i = 0; i < bases.size(); ++i)
-        bases[i] = 1000 * i;
-    EXPECT_EQ(export_trace_to_file(*Stages(bases), full.c_str()), 1);
+    EXPECT_EQ(export_trace_to_file(*Stages(std::vector<uint64_t>(100, 1000)), full.c_str()), 1);
     EXPECT_TRUE(log.contains(Line("* Fail to write trace file(" + full + ")\n")));
     unlink(full.c_str());
     for (const char* line :
