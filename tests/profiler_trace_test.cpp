@@ -92,7 +92,8 @@ TEST_F(ProfilerTraceTest, EventsTracksLanesNamesAndTheEventLimit) {
 }
 
 TEST_F(ProfilerTraceTest, RefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles) {
-    const std::string path = testing::TempDir() + "zel_trace_test.json";
+    const std::string path =
+            testing::TempDir() + "zel_trace_test_" + std::to_string(getpid()) + ".json";
     ZelProfiler collecting(1, 10, "service", false);
     EXPECT_EQ(export_trace_json(collecting), "");
     EXPECT_EQ(export_trace_to_file(collecting, path.c_str()), 1);
@@ -114,7 +115,8 @@ TEST_F(ProfilerTraceTest, RefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles
     EXPECT_EQ(export_trace_to_file(*p, path.c_str(), 6), 1);
     EXPECT_NE(access(path.c_str(), F_OK), 0);
     // A file that takes no bytes, through a link: the failed export removes only the link.
-    const std::string full = testing::TempDir() + "zel_trace_full.json";
+    const std::string full =
+            testing::TempDir() + "zel_trace_full_" + std::to_string(getpid()) + ".json";
     unlink(full.c_str());
     ASSERT_EQ(symlink("/dev/full", full.c_str()), 0);
     EXPECT_EQ(export_trace_to_file(*Stages(std::vector<uint64_t>(100, 1000)), full.c_str()), 1);
@@ -132,7 +134,8 @@ TEST_F(ProfilerTraceTest, RefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles
 #ifdef ZEL_PROF_COMMAND
 TEST_F(ProfilerTraceTest, ZelProfWritesTheTraceOfARawDataFile) {
     const std::string raw = testing::TempDir() + "profile_rawdata_66.bin";
-    const std::string out = testing::TempDir() + "zel_prof_trace.json";
+    const std::string out =
+            testing::TempDir() + "zel_prof_trace_" + std::to_string(getpid()) + ".json";
     auto p = Stages({1000, 2000, 3000});
     std::ofstream(raw).write(reinterpret_cast<const char*>(p->rawdata), p->rawdata_size);
     const std::string command = std::string(ZEL_PROF_COMMAND) + " trace " + raw + " -o " + out;
