@@ -61,6 +61,9 @@ TEST_F(ProfilerMergeTest, SplicesTheChildUnderTheDockingStage) {
     EXPECT_EQ(claims->merge(Profile(false, 3, 3).get()), 1);
     EXPECT_EQ(claims->num_label * 1000 + claims->rawdata_size, 4320u);
     EXPECT_EQ(Profile(true, 2, 2)->merge(Profile(false, 0, 2).get()), 1);
+    auto huge = Profile(true, 2, 2);
+    huge->rawdata_size = 1ULL << 31;  // beyond the merge's 32-bit byte count: nothing is read
+    EXPECT_EQ(huge->merge(Profile(false, 2, 2).get()), 1);
     for (const char* line :
          {"* Fail to find parent's leaf(DSP_OP:0x9)\n",
           "* Found Parent leaf idx(1) label(SERVICE:0x0)\n",
