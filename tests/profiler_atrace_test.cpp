@@ -1,6 +1,5 @@
 // Stages as system-trace sections. This executable defines libcutils' trace entry points itself;
-// they take precedence over the library's (the host build's do nothing), so the tests can switch
-// categories on and see every section the profiler emits.
+// they take precedence over the library's, so the test switches categories and sees every section.
 #include <cutils/trace.h>
 #include <gtest/gtest.h>
 
@@ -16,9 +15,10 @@
 #include "util/zel_utils_profiler.h"
 
 namespace {
+using Sections = std::vector<std::pair<std::string, int32_t>>;  // "+NAME" begins, "-NAME" ends
 std::atomic<uint64_t> g_tags{0};
 std::mutex g_mutex;
-std::vector<std::pair<std::string, int32_t>> g_sections;  // "+NAME" begins, "-NAME" ends
+Sections g_sections;
 
 void Emit(char kind, const char* name, int32_t cookie) {
     std::lock_guard<std::mutex> lock(g_mutex);
@@ -40,13 +40,11 @@ void atrace_async_end_body(const char* name, int32_t cookie) {
 }
 
 namespace {
-
 using namespace zel::util;
 
-// Two requests in flight: CLIENT around DD_0x1 per iteration, the second iteration's CLIENT ended
-// by another thread, then a record after finalize. Returns the sections and the log lines.
-std::pair<std::vector<std::pair<std::string, int32_t>>, std::vector<std::string>> Record(
-        uint64_t tags) {
+// Two requests in flight (iteration 1's CLIENT ended by another thread), then a plain profile
+// finalized and a record after it.
+std::pair<Sections, std::vector<std::string>> Record(uint64_t tags) {
     g_tags = tags;
     g_sections.clear();
     zel_test::LogCapture log;
@@ -59,13 +57,12 @@ std::pair<std::vector<std::pair<std::string, int32_t>>, std::vector<std::string>
     profiler.add_record_end(CLIENT, 0, 0);
     std::thread([&] { profiler.add_record_end(CLIENT, 0, 1); }).join();
     EXPECT_EQ(8u, profiler.queue.size());
-    profiler.queue.clear();  // interleaved requests make no profile: finalize a plain one
+    profiler.queue.clear();
     for (uint64_t i = 0; i < 2; ++i) {
         profiler.add_record_start(API, 0, i);
         profiler.add_record_end(API, 0, i);
     }
-    EXPECT_EQ(0, profiler.finalize());
-    EXPECT_TRUE(profiler.finalized);
+    EXPECT_TRUE(profiler.finalize() == 0 && profiler.finalized);
     profiler.add_record_start(SERVICE, 0, 0);
     std::vector<std::string> lines;  // addresses differ from run to run
     for (const std::string& line : log.messages())
@@ -76,23 +73,18 @@ std::pair<std::vector<std::pair<std::string, int32_t>>, std::vector<std::string>
 TEST(ProfilerAtraceTest, StagesBecomePairedSectionsOnlyWithTheNnapiCategory) {
     const auto off = Record(0);
     EXPECT_TRUE(off.first.empty());
-    // Every category but NNAPI: still nothing.
     EXPECT_TRUE(
             Record(ATRACE_TAG_VALID_MASK & ~static_cast<uint64_t>(ATRACE_TAG_NNAPI)).first.empty());
-
     const auto on = Record(ATRACE_TAG_NNAPI);
     EXPECT_EQ(off.second, on.second);  // the log is the same either way
-    std::vector<std::string> names;
-    for (const auto& section : on.first)
-        names.push_back(section.first);
-    // Nested as the stages are; nothing for the record refused after finalize.
-    EXPECT_EQ((std::vector<std::string>{"+CLIENT", "+DD_0x1", "-DD_0x1", "+CLIENT", "+DD_0x1",
-                                        "-DD_0x1", "-CLIENT", "-CLIENT", "+API", "-API", "+API",
-                                        "-API"}),
-              names);
-    // A begin pairs with its end (CLIENT of iteration 1 ended on another thread); stages open at
-    // the same time (another iteration, another label) keep apart.
-    const auto& s = on.first;
+    const Sections& s = on.first;
+    std::string names;
+    for (const auto& section : s)
+        names += section.first + " ";
+    EXPECT_EQ(names,
+              "+CLIENT +DD_0x1 -DD_0x1 +CLIENT +DD_0x1 -DD_0x1 -CLIENT -CLIENT +API -API "
+              "+API -API ");
+    // A begin pairs with its end; stages open together (other iteration or label) keep apart.
     for (auto [begin, end] : {std::pair{1, 2}, {4, 5}, {0, 6}, {3, 7}, {8, 9}, {10, 11}})
         EXPECT_EQ(s[begin].second, s[end].second) << s[begin].first;
     for (auto [one, other] : {std::pair{0, 3}, {1, 4}, {0, 1}, {8, 10}})
@@ -101,5 +93,4 @@ TEST(ProfilerAtraceTest, StagesBecomePairedSectionsOnlyWithTheNnapiCategory) {
                             zel_test::Line("* Cannot add new profile data after finalized. "
                                            "label(23)\n")));
 }
-
 }  // namespace

@@ -47,8 +47,8 @@ std::string Records(const ZelDeviceProfiler& device, uint64_t k) {
     return text;
 }
 
-// The driver lays out its entries by this geometry: D DD and F FW labels per iteration, the FW
-// area after maxIter * 8 * D bytes, 8 + maxIter * 8 * 2(D + F) bytes in all.
+// D DD and F FW labels per iteration, the FW area after maxIter * 8 * D bytes, 8 + maxIter * 8 *
+// 2(D + F) bytes in all.
 TEST(ProfilerDeviceTest, BufferGeometryAndIterationLimit) {
     for (const bool detail : {false, true}) {
         ZelDeviceProfiler device(5, 100, detail);
@@ -63,9 +63,8 @@ TEST(ProfilerDeviceTest, BufferGeometryAndIterationLimit) {
             log.contains(Line("* Cannot accept too big iteration limit(100000001 > 100000000)\n")));
 }
 
-// Children follow each other from their parent's start; an unmeasured duration (0xFFFFFFFF)
-// ends a stage where it starts; times are 32-bit, so past 2^31 a START reads sign-extended and an
-// END zero-extended.
+// Children follow each other from their parent's start; 0xFFFFFFFF ends a stage where it starts;
+// 32-bit times: past 2^31 a START reads sign-extended, an END zero-extended.
 TEST(ProfilerDeviceTest, DetailEntriesBecomeNestedRecordsPerIteration) {
     ZelDeviceProfiler device(9, 2, true);
     Write(device, 0, {{DD_ROOT, 40}, {DD_QUEUE, 5}, {DD_SESSION, 7}, {DD_FW_IF, 20}},
@@ -83,8 +82,7 @@ TEST(ProfilerDeviceTest, DetailEntriesBecomeNestedRecordsPerIteration) {
     EXPECT_EQ(0x80000001u, device.rawdata[18 + 4].timestamp);          // END DD_SESSION
 }
 
-// The driver's count is taken as written; only reading by it stops where the buffer ends, and a
-// conversion that cannot read everything leaves the profiler's raw data as it was.
+// The driver's count is read only as far as the buffer; a failed conversion changes nothing.
 TEST(ProfilerDeviceTest, DriverCountIsReadOnlyAsFarAsTheBuffer) {
     ZelDeviceProfiler device(9, 2, false);  // 104 bytes: 12 iterations of DD slots, 5 of FW
     EXPECT_EQ(0, device.preprocess_device_data_to_rawdata());  // never written: no records
@@ -99,7 +97,8 @@ TEST(ProfilerDeviceTest, DriverCountIsReadOnlyAsFarAsTheBuffer) {
     device.show_dev_output();
     zel::debug::DbgPrintManager::GetInstance()->set_mask(0);
     const std::string beyond = Line("* Device num_iter(6) beyond the buffer. size(104)\n");
-    EXPECT_TRUE(log.contains(Line("  [5][0] rawdata(0x0000000000000000)\n")));
+    EXPECT_TRUE(log.contains(Line("  [5][0] rawdata(0x0000000000000000)\n")) &&
+                !log.contains(Line("  [6][0] rawdata(0x0000000000000000)\n")));
     EXPECT_EQ(Line("  [4][1] rawdata(0x0000000000000000)\n") + beyond,
               log.messages().end()[-2] + log.messages().back());
     log.clear();
@@ -109,7 +108,7 @@ TEST(ProfilerDeviceTest, DriverCountIsReadOnlyAsFarAsTheBuffer) {
               log.messages());
     EXPECT_EQ(before, device.rawdata);
 
-    // Five iterations lie inside the buffer: converted as written, however few the limit.
+    // Five iterations lie inside the buffer: converted, however few the limit.
     claimed = 5;
     memcpy(device.device_memory->va, &claimed, 8);
     ASSERT_EQ(0, device.preprocess_device_data_to_rawdata());
@@ -132,6 +131,25 @@ TEST(ProfilerDeviceTest, DriverCountIsReadOnlyAsFarAsTheBuffer) {
                       Line(refused),
                       Line("* No raw data slot for record(0). rawdata((nil)) size(0)\n")}),
               log.messages());
+    // An iteration the buffer does not hold, and an end record past the raw data, are refused.
+    auto leaf = device.ingredient_root;
+    while (!leaf->children.empty())
+        leaf = leaf->children.back();
+    index = 0;
+    EXPECT_EQ(1, device.fill_rawdata_entry(0, index, 5, device.ingredient_root, time));
+    index = 29;
+    EXPECT_EQ(1, device.fill_rawdata_entry(0, index, 0, leaf, time));
+    // An FW area that starts past the buffer's end holds no iteration.
+    device.split_offset_ = device.device_memory->size;
+    claimed = 1;
+    memcpy(device.device_memory->va, &claimed, 8);
+    device.update_num_iteration();
+    zel::debug::DbgPrintManager::GetInstance()->set_mask(0x8);
+    device.show_dev_output();
+    zel::debug::DbgPrintManager::GetInstance()->set_mask(0);
+    EXPECT_EQ(log.messages().back(), Line("* Device num_iter(1) beyond the buffer. size(104)\n"));
+    EXPECT_EQ(2, device.fill_offset_ingredient_tree() +
+                         device.fill_rawdata_entry(0, index, 0, nullptr, time));
 }
 
 }  // namespace

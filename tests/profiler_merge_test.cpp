@@ -20,8 +20,10 @@ std::unique_ptr<ZelProfiler> Profile(bool parent, uint64_t held, uint64_t claime
         else
             r.insert(r.end(), {Start(CPU_UD, 3, 5, i), End(CPU_UD, 3, 25, i)});
     }
-    auto p = FromRecords(r.empty() ? std::vector<ZelProfileData>(1) : r, claimed, parent ? 4 : 2);
-    p->rawdata_size = r.size() * 40;
+    const uint64_t records = r.size();
+    r.push_back(Start(DSP_OP, 9, 0));  // past the records held: no docking stage
+    auto p = FromRecords(r, claimed, parent ? 4 : 2);
+    p->rawdata_size = records * 40;
     p->set_leaf_docking_point({SERVICE, 0});
     p->relative_timestamp = !parent;
     return p;
@@ -35,8 +37,7 @@ TEST_F(ProfilerMergeTest, SplicesTheChildUnderTheDockingStage) {
     parent->set_leaf_docking_point({DSP_OP, 9});
     EXPECT_EQ(parent->merge(child.get()) + parent->merge(nullptr), 2);
     EXPECT_EQ(parent->rawdata, before);
-    // Three child iterations into four: reported, and the fourth gets the child's stages with
-    // no duration at the docking stage's start.
+    // Three child iterations into four: the fourth gets the child's stages without duration.
     parent->set_leaf_docking_point({SERVICE, 0});
     ASSERT_EQ(parent->merge(child.get()), 0);
     EXPECT_FALSE(parent->finalized);
@@ -53,14 +54,16 @@ TEST_F(ProfilerMergeTest, SplicesTheChildUnderTheDockingStage) {
     EXPECT_EQ(service->self_time[1], 80u);  // 100 less the child's 20
     EXPECT_EQ(service->children.at(0)->duration[2] * 10 + service->children[0]->duration[3], 200u);
 
-    // Counts beyond the array stop only what would read past it: a child that claims five and
-    // holds two merges into a parent of two; a parent that claims three and holds two fails at
-    // the third, unchanged; a child holding no iteration has nothing to dock.
+    // Counts beyond the array stop only what would read past it; an empty child has nothing to
+    // dock.
     EXPECT_EQ(Profile(true, 2, 2)->merge(Profile(false, 2, 5).get()), 0);
     auto claims = Profile(true, 2, 3);
     EXPECT_EQ(claims->merge(Profile(false, 3, 3).get()), 1);
     EXPECT_EQ(claims->num_label * 1000 + claims->rawdata_size, 4320u);
     EXPECT_EQ(Profile(true, 2, 2)->merge(Profile(false, 0, 2).get()), 1);
+    auto huge = Profile(true, 2, 2);
+    huge->rawdata_size = 1ULL << 31;  // beyond the merge's 32-bit byte count: nothing is read
+    EXPECT_EQ(huge->merge(Profile(false, 2, 2).get()), 1);
     for (const char* line :
          {"* Fail to find parent's leaf(DSP_OP:0x9)\n",
           "* Found Parent leaf idx(1) label(SERVICE:0x0)\n",

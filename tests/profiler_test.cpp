@@ -16,7 +16,7 @@ using zel_test::Line;
 using ProfilerTest = Fixture;
 
 TEST_F(ProfilerTest, RecordFinalizeRefuseAndExport) {
-    // TOTAL/7 { NPU_OP/0x1f } three times, then a lone TOTAL/7 start; with the generation dump.
+    // TOTAL/7 { NPU_OP/0x1f } three times, then a lone TOTAL/7 start.
     Mask(0x7);
     ZelProfiler p(5, 100, "service", true);
     for (uint64_t i = 0; i < 3; ++i) {
@@ -32,7 +32,7 @@ TEST_F(ProfilerTest, RecordFinalizeRefuseAndExport) {
     p.add_record_end(CLIENT, 1, 1);
     ProfileLabel label = CLIENT;
     uint64_t postfix = 1, iter = 2;
-    p.add_record(START, label, postfix, iter);  // the general form is never refused
+    p.add_record(START, label, postfix, iter);  // never refused
     EXPECT_EQ(p.queue.size(), 1u);
     EXPECT_EQ(p.finalize() + p.generate_rawdata_from_queue(), 1);  // finalized already
     // The dump counts 64-bit words: records 0, 1, 2 print as 0, 5, 10.
@@ -44,8 +44,7 @@ TEST_F(ProfilerTest, RecordFinalizeRefuseAndExport) {
           std::string("* Cannot add new profile data after finalized. label(24)\n"),
           std::string("* Wrong flow. We already have rawdata\n")})
         EXPECT_TRUE(log.contains(Line(line))) << line;
-    // The first label never recurs: nothing to analyse, and the profiler stays open.
-    ZelProfiler open(9, 100, "service", false);
+    ZelProfiler open(9, 100, "service", false);  // the first label never recurs: stays open
     open.add_record_start(TOTAL, 7, 0);
     open.add_record_start(NPU_OP, 0, 0);
     EXPECT_EQ(open.finalize() + open.finalized, 0);
@@ -59,15 +58,16 @@ TEST_F(ProfilerTest, RecordFinalizeRefuseAndExport) {
     std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     ASSERT_EQ(bytes.size(), 520u);  // the incomplete iteration too
     EXPECT_EQ(std::memcmp(bytes.data() + 480, &p.rawdata[12], 40), 0);
-    // Read back from the file, only the size is kept: there is nothing to finalize.
-    ZelProfiler from_file(5, path.c_str(), 100, 3, 4);
-    EXPECT_EQ(from_file.finalize() + from_file.finalized + from_file.rawdata_size, 520u);
+    ZelProfiler from_file(5, path.c_str(), 100, 3, 4);  // only the size: nothing to finalize
+    EXPECT_EQ(from_file.finalize() + from_file.finalized + from_file.fastTrack +
+                      from_file.rawdata_size,
+              520u);
     std::remove(path.c_str());
 }
 
 TEST_F(ProfilerTest, TimesAgreeTracedOrQuietAndAFailedFillComputesNone) {
-    // root { TOTAL/7 { FW { NPU_OP/2 }, TOTAL/9 } }, 5000 iterations: quiet, finalize goes a block
-    // of 2048 at a time, traced iteration by iteration; the two agree.
+    // root { TOTAL/7 { FW { NPU_OP/2 }, TOTAL/9 } }, 5000 iterations: quiet (blocks of 2048) and
+    // traced (iteration by iteration) agree.
     std::vector<ZelProfileData> r;
     for (uint64_t i = 0; i < 5000; ++i) {
         const uint64_t t = 1000 * i, d = i % 17;
@@ -91,8 +91,8 @@ TEST_F(ProfilerTest, TimesAgreeTracedOrQuietAndAFailedFillComputesNone) {
     EXPECT_EQ(q[1]->self_time[4999], 39u + 4 + 4999 % 17);  // TOTAL counts what they measured
     EXPECT_EQ(q[2]->self_time[4999], 39u - 18);             // FW what they did not cover
 
-    // The last iteration runs backwards, or is claimed and not held: the tree still grows from
-    // iteration 0, times are stored up to the failure, and no duration or self time exists.
+    // The last iteration runs backwards, or is claimed and not held: times are stored up to the
+    // failure, and no duration or self time exists.
     r[4999 * 8 + 7].timestamp = 4999000 + 30;
     auto backwards = FromRecords(r, 5000, 8);
     r.resize(8 * 4999);
@@ -104,8 +104,7 @@ TEST_F(ProfilerTest, TimesAgreeTracedOrQuietAndAFailedFillComputesNone) {
         const std::vector<uint64_t> none(total->duration.size(), 0);
         EXPECT_TRUE(total->duration == none && p->root->self_time == none && !p->finalized);
     }
-    // A record with the root's own pair (TOTAL, 0) closes the root; pairs that do not nest
-    // (A opens, B opens, A, B) leave a record without its node.
+    // (TOTAL, 0) closes the root; pairs that do not nest leave a record without its node.
     auto closed = FromRecords({Start(TOTAL, 0, 1), End(NPU_OP, 0, 2), End(TOTAL, 0, 3)}, 1, 3);
     closed->grow_tree();
     EXPECT_EQ(closed->root->children.size() + closed->end_node_map.count(0), 1u);
@@ -114,18 +113,21 @@ TEST_F(ProfilerTest, TimesAgreeTracedOrQuietAndAFailedFillComputesNone) {
                              1, 6)
                          ->finalize(),
                  std::runtime_error);
-    for (const char* line : {"* Wrong flow! timestamp(TOTAL:4999030) is smaller than previous "
-                             "timestamp(TOTAL:4999046).  iter[4999]\n",
-                             "* Raw data too small for its counts. name[default] num_iter(5000) "
-                             "num_label(8) size(1599680)\n",
-                             "* Fail to find end label. label_count[3]\n"})
+    for (const char* line :
+         {"* Wrong flow! timestamp(TOTAL:4999030) is smaller than previous "
+          "timestamp(TOTAL:4999046).  iter[4999]\n",
+          "* Raw data too small for its counts. name[default] num_iter(5000) "
+          "num_label(8) size(1599680)\n",
+          "* Fail to find end label. label_count[3]\n",
+          "  -- depth[0] idx[0] child[0] --> duration(90)\n",
+          "  [0] label(TOTAL             ) labelPostfix(0x               7) type(   "
+          "0) iterKey(0x               0) timestamp(0)\n"})
         EXPECT_TRUE(log.contains(Line(line))) << line;
     EXPECT_EQ(log.count(Line("* Fail to fill_data_to_tree\n")), 3u);
 }
 
 TEST_F(ProfilerTest, DeepNestingIsWalkedWithoutTheThreadsStack) {
-    // 150 000 nested stages, each its own (FW, postfix): building, self times, both reports and
-    // the release all walk them.
+    // 150 000 nested stages: building, self times, both reports and the release walk them.
     constexpr uint64_t kDepth = 150000;
     std::vector<ZelProfileData> records;
     for (uint64_t i = 0, t = 0; i < 2; ++i, t = 1000000) {
@@ -143,7 +145,7 @@ TEST_F(ProfilerTest, DeepNestingIsWalkedWithoutTheThreadsStack) {
         node = node->children.at(0).get();
     EXPECT_EQ(node->duration[1], 1u);  // the innermost stage
     EXPECT_EQ(p->root->children[0]->duration[0], 2 * kDepth + 1);
-    // Counted, not kept: the lines carry up to a kilobyte of depth prefix each.
+    // Counted, not kept: each line carries up to a kilobyte of depth prefix.
     static std::atomic<size_t> lines{0};
 #if defined(__ANDROID__)
     __android_log_set_logger([](const struct __android_log_message*) { ++lines; });

@@ -1,6 +1,4 @@
-// Timeline export: the JSON parses, holds one event per stage and iteration with the tree's own
-// times, puts each side of the runtime on its track and overlapping iterations on further ones,
-// and refuses what it must.
+// Timeline export: one event per stage and iteration, a track per side, overlaps on further ones.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -60,7 +58,7 @@ std::unique_ptr<ZelProfiler> Stages(const std::vector<uint64_t>& bases) {
 
 TEST_F(ProfilerTraceTest, EventsTracksLanesNamesAndTheEventLimit) {
     // Iteration 1 lies inside iteration 0 and moves to further tracks; iteration 2 starts as 0
-    // ends and takes its tracks. One track per side: request, client, service, device, other.
+    // ends.
     auto p = Stages({1000, 1020, 1070});
     p->set_name(
             "q\"b\\s\n\x01 \xc3\x80 \xff\xc3 \xed\xa0\x80 \xe0\x80 \xf4\x90 \xf0\x9f\x99\x82"
@@ -94,7 +92,8 @@ TEST_F(ProfilerTraceTest, EventsTracksLanesNamesAndTheEventLimit) {
 }
 
 TEST_F(ProfilerTraceTest, RefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles) {
-    const std::string path = testing::TempDir() + "zel_trace_test.json";
+    const std::string path =
+            testing::TempDir() + "zel_trace_test_" + std::to_string(getpid()) + ".json";
     ZelProfiler collecting(1, 10, "service", false);
     EXPECT_EQ(export_trace_json(collecting), "");
     EXPECT_EQ(export_trace_to_file(collecting, path.c_str()), 1);
@@ -104,17 +103,25 @@ TEST_F(ProfilerTraceTest, RefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles
     EXPECT_EQ(export_trace_to_file(*p, "/nonexistent/dir/t.json"), 1);
     ASSERT_EQ(export_trace_to_file(*p, path.c_str()), 0);
     EXPECT_EQ(Read(path), export_trace_json(*p));
-    // A child moved out of its parent fails and leaves no file behind; raw data shorter than its
-    // counts is not read; a tree with more stages than records cannot be this profile's.
+    // A child outside its parent, raw data short of its counts, a tree bigger than its records.
     p->root->children[0]->children[0]->end_time[1] = 2075;
     EXPECT_EQ(export_trace_to_file(*p, path.c_str()), 1);
     EXPECT_NE(access(path.c_str(), F_OK), 0);
     p->root->children[0]->children[0]->end_time[1] = 2030;
     p->rawdata_size = 40 * 12;
-    EXPECT_EQ(export_trace_json(*p), "");
+    EXPECT_EQ(export_trace_to_file(*p, path.c_str()), 1);
     p->root->children.push_back(p->root->children[0]);
     p->root->children.push_back(p->root->children[0]);
-    EXPECT_EQ(export_trace_json(*p, 6), "");
+    EXPECT_EQ(export_trace_to_file(*p, path.c_str(), 6), 1);
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+    // A file that takes no bytes, through a link: the failed export removes only the link.
+    const std::string full =
+            testing::TempDir() + "zel_trace_full_" + std::to_string(getpid()) + ".json";
+    unlink(full.c_str());
+    ASSERT_EQ(symlink("/dev/full", full.c_str()), 0);
+    EXPECT_EQ(export_trace_to_file(*Stages(std::vector<uint64_t>(100, 1000)), full.c_str()), 1);
+    EXPECT_TRUE(log.contains(Line("* Fail to write trace file(" + full + ")\n")));
+    unlink(full.c_str());
     for (const char* line :
          {"* Fail to open trace file(/nonexistent/dir/t.json)\n",
           "* Trace: stage(CLIENT:0x0) iter[1] start(2010) end(2075) lies outside its parent\n",
@@ -127,7 +134,8 @@ TEST_F(ProfilerTraceTest, RefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles
 #ifdef ZEL_PROF_COMMAND
 TEST_F(ProfilerTraceTest, ZelProfWritesTheTraceOfARawDataFile) {
     const std::string raw = testing::TempDir() + "profile_rawdata_66.bin";
-    const std::string out = testing::TempDir() + "zel_prof_trace.json";
+    const std::string out =
+            testing::TempDir() + "zel_prof_trace_" + std::to_string(getpid()) + ".json";
     auto p = Stages({1000, 2000, 3000});
     std::ofstream(raw).write(reinterpret_cast<const char*>(p->rawdata), p->rawdata_size);
     const std::string command = std::string(ZEL_PROF_COMMAND) + " trace " + raw + " -o " + out;

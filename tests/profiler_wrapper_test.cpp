@@ -1,11 +1,9 @@
-// The profiling facade. Its statics are fixed by the first initialize of a process and only
-// ever added to, so every case runs in its own child process.
+// The profiling facade. Its statics are only ever added to, so every case runs in a child process.
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -23,18 +21,14 @@ using W = ZelProfilerWrapper;
 using zel_test::Line;
 
 std::string Hex(uint64_t value) {
-    char text[32];
-    snprintf(text, sizeof(text), "0x%llx", static_cast<unsigned long long>(value));
-    return text;
+    std::ostringstream text;
+    text << "0x" << std::hex << value;
+    return text.str();
 }
 
-// Overview: API, CLIENT and the seven overview service labels; detail: all twelve. Without the
-// service each side prints its own data; the service prints alone only when neither the client nor
-// the driver take part. Bits are computed even with PROFILE_ON clear; a second initialize adds.
+// Modes given to initialize, then: the mode tests, device profilers made, label mask, print flags
+// of client, service and device. A second initialize adds.
 TEST(ProfilerWrapperTest, LabelMaskAndPrintFlagsFollowTheMode) {
-    // Modes given to initialize, then: the mode tests (on, detail, skip client, service, driver,
-    // fast track), device profilers made (none while off or skipping the driver), mask, print
-    // flags of client, service and device, fast track.
     const char* const cases[] = {"1",     "100000 1 0x3d6a000 000",
                                  "3",     "110000 1 0x3fff000 000",
                                  "d",     "101100 1 0x0 001",
@@ -51,7 +45,7 @@ TEST(ProfilerWrapperTest, LabelMaskAndPrintFlagsFollowTheMode) {
                           W::initialize(mode, 0);
                       DeviceProfileInfo info{};
                       W::create_device_profiler(1, 1, info);
-                      std::string bits;  // the mode tests, off and on alike
+                      std::string bits;
                       for (bool on : {W::get_profiler_flag(), W::get_profiler_detail_flag(),
                                       W::is_mode_skip_client(), W::is_mode_skip_service(),
                                       W::is_mode_skip_dd(), W::is_mode_fasttrack()})
@@ -65,9 +59,8 @@ TEST(ProfilerWrapperTest, LabelMaskAndPrintFlagsFollowTheMode) {
     }
 }
 
-// Absent properties leave the defaults (each absence logged once); with PROFILE_ON clear every
-// operation returns at once; properties fill in where the arguments are zero, a zero property is
-// ignored silently, and arguments win.
+// Absent properties leave the defaults (logged once each); with PROFILE_ON clear every operation
+// returns at once; properties fill in for zero arguments, a zero property is ignored silently.
 TEST(ProfilerWrapperTest, InitializeSourcesAndProfilingOff) {
     const std::string result = zel_test::RunInChild([] {
         const std::string mode = "vendor.property.for.talorn.nn.profile.mode";
@@ -83,7 +76,8 @@ TEST(ProfilerWrapperTest, InitializeSourcesAndProfilingOff) {
         W::initialize(0x1e, 0);
         W::create_profiler(1);
         W::create_profiler_client(2);
-        text += std::to_string(W::profilerMap_.size() + W::get_profiler_iteration(1)) +
+        text += std::to_string(W::profilerMap_.size() + W::get_profiler_iteration(1) +
+                               W::get_profiler_num_label(1)) +
                 std::to_string(W::get_client_profiler_mem(2) == nullptr) +
                 std::to_string(W::merge_rawdata_mem_to_profiler(1, nullptr, 0, 0, 0)) + "[" +
                 W::export_rawdata_to_file(1) + "] ";
@@ -104,8 +98,7 @@ TEST(ProfilerWrapperTest, InitializeSourcesAndProfilingOff) {
 }
 
 // A second create keeps the first profiler; only labels in the mask are queued; unknown models
-// are logged; the client's profile goes nowhere without a service; removal prints only with the
-// show flag set; export writes the finalized raw data where a device keeps it.
+// are logged; a client's profile goes nowhere without a service; removal prints only when shown.
 TEST(ProfilerWrapperTest, RegistryRecordingRemovalAndExport) {
     for (const char* dir : {"/data", "/data/vendor", "/data/vendor/zel"})
         mkdir(dir, 0755);
