@@ -1,5 +1,6 @@
 #include "src/common/zel_memory/buffer_pool.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <vector>
@@ -26,43 +27,125 @@ bool SameView(const Buffer& buffer, const ZelBuffer& record) {
 // address as va, all-ones size and offset). The store is shared by all pools and never destroyed,
 // so records stay valid through static destruction; it holds at most the peak number of records
 // alive at once.
+//
+// Each record comes with room for its shared pointer's control block, so that a pooled buffer
+// costs no allocation once the store has as many slots as buffers are alive at once.
 class RecordStore {
   public:
     UserBufferSptr make(const Buffer& buffer) {
-        ZelBuffer* record = nullptr;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (!free_.empty()) {
-                record = free_.back();
-                free_.pop_back();
-            } else {
-                // Room for every record made, so that retiring one (inside a deleter) never
-                // allocates.
-                free_.reserve(created_ + 1);
-                record = new ZelBuffer;
-                ++created_;
-            }
-        }
-        *record = ZelBuffer{buffer.va, buffer.size, buffer.offset};
-        // Should the shared pointer fail to allocate, it retires the record itself.
-        return UserBufferSptr(record, [this](ZelBuffer* retired) { retire(retired); });
+        Slot* slot = take();
+        slot->record = ZelBuffer{buffer.va, buffer.size, buffer.offset};
+        return UserBufferSptr(&slot->record, Retire(), SlotAllocator<ZelBuffer>{slot, this});
     }
 
   private:
-    void retire(ZelBuffer* record) {
-        *record = ZelBuffer{record, UINT32_MAX, UINT32_MAX};
+    struct Slot {
+        ZelBuffer record;
+        alignas(std::max_align_t) unsigned char control_block[64];
+    };
+
+    // The last reference marks the record retired; its slot returns to the store only once the
+    // control block is gone too (weak references may outlive the record's use).
+    struct Retire {
+        void operator()(ZelBuffer* record) const {
+            *record = ZelBuffer{record, UINT32_MAX, UINT32_MAX};
+        }
+    };
+
+    template <typename T>
+    struct SlotAllocator {
+        using value_type = T;
+        Slot* slot;
+        RecordStore* store;
+        template <typename U>
+        SlotAllocator(const SlotAllocator<U>& other) : slot(other.slot), store(other.store) {}
+        SlotAllocator(Slot* slot, RecordStore* store) : slot(slot), store(store) {}
+        T* allocate(size_t) {
+            static_assert(sizeof(T) <= sizeof(Slot::control_block) &&
+                                  alignof(T) <= alignof(std::max_align_t),
+                          "a control block fits its slot");
+            return reinterpret_cast<T*>(slot->control_block);
+        }
+        void deallocate(T*, size_t) { store->give_back(slot); }
+        template <typename U>
+        bool operator==(const SlotAllocator<U>& other) const {
+            return slot == other.slot;
+        }
+        template <typename U>
+        bool operator!=(const SlotAllocator<U>& other) const {
+            return slot != other.slot;
+        }
+    };
+
+    // Slots given back on a thread are kept there for its next takes, a few at a time, so that a
+    // steady create/delete cycle never touches the store's lock. The cache is plain data, safe to
+    // read at any point of the thread's exit; its slots go back to the store when the thread ends.
+    static constexpr size_t kCachedSlots = 8;
+    struct ThreadSlots {
+        Slot* slots[kCachedSlots];
+        size_t count;
+        bool open;    // the flush at thread exit is arranged
+        bool closed;  // and has run: every slot goes to the store from now on
+    };
+    struct FlushAtExit {
+        ~FlushAtExit();
+    };
+    static thread_local ThreadSlots cache_;
+    static thread_local FlushAtExit flush_;
+
+    Slot* take() {
+        ThreadSlots& cache = cache_;
+        if (cache.count > 0) return cache.slots[--cache.count];
+        if (!cache.open && !cache.closed) {
+            static_cast<void>(&flush_);  // constructs it, so that it runs when the thread ends
+            cache.open = true;
+        }
         std::lock_guard<std::mutex> lock(mutex_);
-        free_.push_back(record);
+        if (!free_.empty()) {
+            Slot* slot = free_.back();
+            free_.pop_back();
+            return slot;
+        }
+        // Room for every slot made, so that giving one back (inside a release) never allocates.
+        free_.reserve(created_ + 1);
+        Slot* slot = new Slot;
+        ++created_;
+        return slot;
+    }
+
+    void give_back(Slot* slot) {
+        ThreadSlots& cache = cache_;
+        if (cache.open && cache.count < kCachedSlots) {
+            cache.slots[cache.count++] = slot;
+            return;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        free_.push_back(slot);
+    }
+
+    void give_back_all(ThreadSlots& cache) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        while (cache.count > 0)
+            free_.push_back(cache.slots[--cache.count]);
     }
 
     std::mutex mutex_;
-    std::vector<ZelBuffer*> free_;
+    std::vector<Slot*> free_;
     size_t created_ = 0;
 };
 
 RecordStore& Records() {
     static RecordStore* store = new RecordStore;
     return *store;
+}
+
+thread_local RecordStore::ThreadSlots RecordStore::cache_;
+thread_local RecordStore::FlushAtExit RecordStore::flush_;
+
+RecordStore::FlushAtExit::~FlushAtExit() {
+    cache_.open = false;
+    cache_.closed = true;
+    Records().give_back_all(cache_);
 }
 
 }  // namespace
