@@ -24,77 +24,62 @@ using android::base::unique_fd;
 using zel_test::CountMappings;
 using zel_test::CountOpenFds;
 
-TEST(MemoryProcessTest, ManyCyclesOfEveryTypeGiveBackDescriptorsAndMappings) {
+TEST(MemoryProcessTest, CyclesOnOneAndEightThreadsGiveBackDescriptorsAndMappings) {
+    const int fds = CountOpenFds();
     MemoryManager manager;
     const int source = memfd_create("import_source", MFD_CLOEXEC);
     ASSERT_EQ(0, ftruncate(source, 8192));
     char local[64];
-    for (const std::string kind : {"heap", "cached", "uncached", "import", "dummy"}) {
-        // One create/delete cycle; false if any step failed.
-        auto cycle = [&] {
-            if (kind == "dummy") return manager.dummy_memory(-1, 64, 32, 8, local) != nullptr;
-            const ZelMmType type = kind == "heap" ? ZEL_MM_HEAP : ZEL_MM_DEVICE_BUFFER;
-            Buffer::sptr buffer = kind == "import"
-                                          ? manager.import_memory(source, 8192, 4096, 0)
-                                          : manager.create_memory(type, 4096, kind == "cached");
-            if (!buffer) return false;
-            static_cast<char*>(buffer->va)[0] = 1;
-            return manager.delete_memory(buffer) == 0;
-        };
+    // One cycle of kind 0 heap, 1 cached, 2 uncached, 3 import, 4 dummy, deleted by its record or
+    // its pointer; false if any step failed.
+    auto cycle = [&](int kind, bool by_record) {
+        if (kind == 4) return manager.dummy_memory(-1, 64, 32, 8, local) != nullptr;
+        Buffer::sptr buffer =
+                kind == 3 ? manager.import_memory(source, 8192, 4096, 0)
+                          : manager.create_memory(kind ? ZEL_MM_DEVICE_BUFFER : ZEL_MM_HEAP, 4096,
+                                                  kind == 1);
+        ZelBuffer* record = manager.get_user_raw_buffer(buffer);
+        if (!buffer || !record || manager.get_fd(record) != buffer->fd) return false;
+        static_cast<char*>(buffer->va)[0] = 1;
+        return (by_record ? manager.delete_memory(record) : manager.delete_memory(buffer)) == 0;
+    };
+    for (int kind = 0; kind < 5; ++kind) {
         // Sanitizer runtimes map their shadow and allocator regions lazily, also for the
         // counters' own buffers: warm both up first.
         for (int i = 0; i < 300; ++i)
-            ASSERT_TRUE(cycle() && CountOpenFds() && CountMappings()) << kind;
-        const int fds = CountOpenFds();
+            ASSERT_TRUE(cycle(kind, i % 2) && CountOpenFds() && CountMappings()) << kind;
         const int mappings = CountMappings();
         for (int i = 0; i < 10000; ++i)
-            ASSERT_TRUE(cycle()) << kind << " cycle " << i;
-        EXPECT_EQ(fds, CountOpenFds()) << kind;
+            ASSERT_TRUE(cycle(kind, i % 2)) << kind << " cycle " << i;
+        EXPECT_EQ(fds + 1, CountOpenFds()) << kind;
         EXPECT_LE(CountMappings(), mappings) << kind;
     }
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 200; ++i)
+                failures += !cycle((i + t) % 3, true);
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(0, failures);
     EXPECT_EQ("", manager.to_string());
     close(source);
-}
-
-TEST(MemoryProcessTest, BuffersReleaseOnOtherThreadsAndManagersServeEightThreads) {
-    const int fds = CountOpenFds();
-    {
-        MemoryManager manager;
-        Buffer::sptr device = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 4096, 1);
-        ASSERT_NE(nullptr, device);
-        Buffer::sptr imported = manager.import_memory(device->fd, 4096, 64, 0);
-        ASSERT_NE(nullptr, imported);
-        EXPECT_EQ(0, manager.delete_memory(device));
-        EXPECT_EQ(0, manager.delete_memory(imported));
-        // The caller's references are now the last ones: drop them elsewhere.
-        std::thread([&] { device.reset(), imported.reset(); }).join();
-        EXPECT_EQ(fds, CountOpenFds());
-
-        std::vector<std::thread> threads;
-        std::atomic<int> failures{0};
-        for (int t = 0; t < 8; ++t) {
-            threads.emplace_back([&manager, &failures, t] {
-                for (int i = 0; i < 200; ++i) {
-                    Buffer::sptr buffer = manager.create_memory(
-                            (i + t) % 2 ? ZEL_MM_HEAP : ZEL_MM_DEVICE_BUFFER, 512, i % 3);
-                    ZelBuffer* record = manager.get_user_raw_buffer(buffer);
-                    failures += !buffer || !record || manager.get_fd(record) != buffer->fd ||
-                                manager.delete_memory(record) != 0;
-                }
-            });
-        }
-        for (std::thread& thread : threads)
-            thread.join();
-        EXPECT_EQ(0, failures);
-        EXPECT_EQ("", manager.to_string());
-    }
     EXPECT_EQ(fds, CountOpenFds());
 }
 
-TEST(MemoryProcessTest, ChildWritesThroughAnImportedDeviceBuffer) {
+TEST(MemoryProcessTest, ChildWritesThroughAnImportedDeviceBufferReleasedOnAnotherThread) {
+    const int fds = CountOpenFds();
     MemoryManager manager;
     Buffer::sptr shared = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 8192, 1);
     ASSERT_NE(nullptr, shared);
+    Buffer::sptr imported = manager.import_memory(shared->fd, 4096, 64, 0);
+    ASSERT_NE(nullptr, imported);
+    EXPECT_EQ(0, manager.delete_memory(imported));
+    std::thread([&] { imported.reset(); }).join();  // the last reference, dropped elsewhere
+    EXPECT_EQ(fds + 1, CountOpenFds());
     int sockets[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, sockets));
     unique_fd parent_end(sockets[0]), child_end(sockets[1]);
@@ -115,6 +100,9 @@ TEST(MemoryProcessTest, ChildWritesThroughAnImportedDeviceBuffer) {
     });
     EXPECT_EQ("ok", result);
     EXPECT_EQ(pattern, static_cast<const char*>(shared->va) + 5000);
+    EXPECT_EQ(0, manager.delete_memory(shared));
+    std::thread([&] { shared.reset(); }).join();
+    EXPECT_EQ(fds + 2, CountOpenFds());  // the socket pair
 }
 
 }  // namespace

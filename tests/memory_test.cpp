@@ -41,11 +41,6 @@ std::string Thrown(Body body) {
     return "<nothing thrown>";
 }
 
-bool IsMapped(void* page) {
-    unsigned char vec;
-    return mincore(page, 4096, &vec) == 0;
-}
-
 // Heap a dmabuf descriptor came from: its exporter name, or the name of the host's memfd.
 std::string HeapOf(int fd) {
     std::ifstream info("/proc/self/fdinfo/" + std::to_string(fd));
@@ -57,14 +52,14 @@ std::string HeapOf(int fd) {
     return name.substr(0, name.find(' '));
 }
 
+zel::debug::DbgPrintManager* Mask() {
+    return zel::debug::DbgPrintManager::GetInstance();
+}
+
 class MemoryTest : public ::testing::Test {
   protected:
-    void SetUp() override { saved_ = mask()->get_print_mask(); }
-    void TearDown() override { mask()->set_mask(saved_); }
-    static zel::debug::DbgPrintManager* mask() {
-        return zel::debug::DbgPrintManager::GetInstance();
-    }
-    uint64_t saved_ = 0;
+    ~MemoryTest() override { Mask()->set_mask(saved_); }
+    const uint64_t saved_ = Mask()->get_print_mask();
 };
 
 TEST_F(MemoryTest, BufferSizesWrapIn32BitsAndExceptionTextsAreRebuilt) {
@@ -86,7 +81,7 @@ TEST_F(MemoryTest, BufferSizesWrapIn32BitsAndExceptionTextsAreRebuilt) {
 }
 
 TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
-    mask()->set_mask(0x3F);
+    Mask()->set_mask(0x3F);
     LogCapture log;
     const int fds = zel_test::CountOpenFds();
     const int fd = memfd_create("memory_test", MFD_CLOEXEC);
@@ -121,22 +116,16 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     // A refused import returns null, logs why, and leaves no duplicate open.
     int pipe_fds[2];
     ASSERT_EQ(0, pipe(pipe_fds));
-    const std::string pipe_fd = std::to_string(pipe_fds[0]);
-    const struct {
-        int fd;
-        uint32_t fd_size, size, offset;
-        std::string why;
-    } refusals[] = {
-            {fd, 8192, 8192 - 15, 16, "Parameter is incorrect8177, 16, 8192" + kImporterAt + "52)"},
-            {-1, 4096, 16, 0, "fd is incorrect: -1" + kImporterAt + "75)"},
-            {pipe_fds[0], 4096, 16, 0,
-             "mmap failed : fd(" + pipe_fd + "), size(4096)" + kImporterAt + "58)"},
-            {9999, 4096, 16, 0, "mmap failed : fd(9999), size(4096)" + kImporterAt + "58)"},
-    };
-    for (const auto& r : refusals) {
+    const std::string mmap_at = ", size(4096)" + kImporterAt + "58)";
+    for (const auto& [in, size, offset, why] : std::vector<std::tuple<int, int, int, std::string>>{
+                 {fd, 8192 - 15, 16, "Parameter is incorrect8177, 16, 8192" + kImporterAt + "52)"},
+                 {-1, 16, 0, "fd is incorrect: -1" + kImporterAt + "75)"},
+                 {pipe_fds[0], 16, 0,
+                  "mmap failed : fd(" + std::to_string(pipe_fds[0]) + ")" + mmap_at},
+                 {9999, 16, 0, "mmap failed : fd(9999)" + mmap_at}}) {
         log.clear();
-        EXPECT_EQ(nullptr, importer.import(r.fd, r.fd_size, r.size, r.offset, nullptr));
-        EXPECT_TRUE(log.contains(MsgLine("Exception: " + r.why))) << r.why;
+        EXPECT_EQ(nullptr, importer.import(in, in == fd ? 8192 : 4096, size, offset, nullptr));
+        EXPECT_TRUE(log.contains(MsgLine("Exception: " + why))) << why;
     }
     close(pipe_fds[0]);
     close(pipe_fds[1]);
@@ -144,19 +133,16 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     // Imports read the file after the caller closed its descriptor. The release unmaps fd_size
     // bytes from va: all of it at offset 0; from a page-aligned va only up to the mapping's end,
     // with a line; from an unaligned va nothing, as munmap refuses it.
-    const struct {
-        uint32_t offset;
-        char first;
-        std::string pages_mapped;
-    } releases[] = {{0, '\0', "000"}, {300, 'm', "111"}, {4096, '\0', "100"}};
-    mask()->set_mask(0);
+    const uint32_t offsets[] = {0, 300, 4096};
+    const char* pages_mapped[] = {"000", "111", "100"};
+    Mask()->set_mask(0);
     Buffer::sptr buffers[3];
     for (int i = 0; i < 3; ++i)
-        buffers[i] = importer.import(fd, 12288, 100, releases[i].offset, nullptr);
+        buffers[i] = importer.import(fd, 12288, 100, offsets[i], nullptr);
     close(fd);
     for (int i = 0; i < 3; ++i) {
         ASSERT_NE(nullptr, buffers[i]);
-        EXPECT_EQ(releases[i].first, *static_cast<char*>(buffers[i]->va));
+        EXPECT_EQ(i == 1 ? 'm' : '\0', *static_cast<char*>(buffers[i]->va));
         char* base = static_cast<char*>(buffers[i]->base_va);
         char cut[160];
         snprintf(cut, 160,
@@ -170,10 +156,10 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
         buffers[i].reset();
         EXPECT_EQ(i == 2 ? Lines{Line(cut)} : Lines{}, log.messages());
         std::string mapped;
+        unsigned char vec;
         for (int page = 0; page < 4; ++page)
-            mapped += IsMapped(base + page * 4096) ? '1' : '0';
-        EXPECT_EQ(releases[i].pages_mapped + (guard == base + 12288 ? "1" : mapped.substr(3)),
-                  mapped);
+            mapped += mincore(base + page * 4096, 4096, &vec) == 0 ? '1' : '0';
+        EXPECT_EQ(pages_mapped[i] + (guard == base + 12288 ? "1" : mapped.substr(3)), mapped);
         if (guard != MAP_FAILED) munmap(guard, 4096);
         munmap(base, 12288);
     }
@@ -194,7 +180,7 @@ TEST_F(MemoryTest, AllocatorsAndFactoryReportTheirFailures) {
                             "requested(src/common/zel_memory/allocator/heap_allocator:49)")},
               log.messages());
 
-    mask()->set_mask(0xB);
+    Mask()->set_mask(0xB);
     auto device = std::make_unique<DeviceBufferAllocatorUncached>();
     EXPECT_TRUE(log.contains(MsgLine("Open with heap: system-uncached, dmabuf_system_heap")));
     Buffer::sptr buffer = device->create_memory(100);
@@ -216,7 +202,7 @@ TEST_F(MemoryTest, AllocatorsAndFactoryReportTheirFailures) {
     buffer.reset();
     EXPECT_EQ(fds, zel_test::CountOpenFds());
 
-    mask()->set_mask(0x23);
+    Mask()->set_mask(0x23);
     BufferFactory factory;
     log.clear();
     EXPECT_EQ(nullptr, factory.allocate(static_cast<BufferAllocationType>(3), 4096));
