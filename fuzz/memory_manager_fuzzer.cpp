@@ -9,7 +9,6 @@
 
 #include "fuzz_support.h"
 #include "src/common/zel_memory/memory_manager.h"
-#include "support/proc_stats.h"
 
 using namespace zel::memory;
 
@@ -22,87 +21,82 @@ struct Tracked {
     bool pooled;
 };
 
-// What a lookup by `view` finds: the pooled buffer of lowest address with that va, size, offset.
-const Tracked* Expected(const std::vector<Tracked>& all, const ZelBuffer& view) {
-    const Tracked* found = nullptr;
-    for (const Tracked& t : all)
-        if (t.pooled && t.view.va == view.va && t.view.size == view.size &&
-            t.view.offset == view.offset && (!found || t.address < found->address))
-            found = &t;
-    return found;
-}
-
-// Returns how many imports started inside their mapping: their release unmaps from va, so the
-// pages before it (all of them, for an unaligned va) stay mapped.
-int Run(FuzzedDataProvider& in, int source, uint32_t source_size) {
-    int offset_imports = 0;
-    std::vector<char> own(4096);
-    std::vector<Tracked> all;
-    MemoryManager manager;
-    for (int op = 0; op < 64 && in.remaining_bytes() > 0; ++op) {
-        const uint32_t size = in.ConsumeIntegralInRange<uint32_t>(0, 3 * 4096);
-        const uint32_t offset = in.ConsumeBool() ? in.ConsumeIntegral<uint32_t>() : size / 3;
-        Buffer::sptr made;
-        uint32_t backed = 0;  // bytes at va known to be memory
-        const int action = in.ConsumeIntegralInRange(0, 6);
-        if (action == 0) {
-            const int type = in.ConsumeIntegralInRange(0, 5);
-            made = manager.create_memory(static_cast<ZelMmType>(type), size, in.ConsumeBool());
-            if (made && ((type != 1 && type != 4) || size == 0 || made->size != size)) abort();
-            backed = size;
-        } else if (action == 1) {
-            const int fd = in.ConsumeBool() ? source : in.ConsumeIntegralInRange(-2, 64);
-            try {
-                made = manager.import_memory(fd, source_size, size, offset);
-            } catch (const zel::TalornNnException&) {
-            }
-            if (made && (static_cast<uint32_t>(size + offset) > source_size || fd < 0)) abort();
-            backed = fd == source && uint64_t{size} + offset <= source_size ? size : 0;
-            offset_imports += made && offset != 0;
-        } else if (action == 2) {
-            made = manager.dummy_memory(-1, 0, size % 64, offset % 64, own.data());
-            if (made && manager.get_user_raw_buffer(made)) abort();
-            backed = made ? size % 64 : 0;
-        } else if (!all.empty()) {
-            Tracked& t = all[in.ConsumeIntegralInRange<size_t>(0, all.size() - 1)];
-            ZelBuffer copy = t.view;
-            const Tracked* expected = Expected(all, copy);
-            if (action == 3) {  // by a copy of the record, stale or not
-                if ((manager.delete_memory(&copy) == 0) != (expected != nullptr)) abort();
-                if (expected) const_cast<Tracked*>(expected)->pooled = false;
-            } else if (action == 4 && t.buffer) {
-                if (manager.delete_memory(t.buffer) != 0) abort();
-                t.pooled = false;
-            } else if (action == 5) {
-                if (manager.get_buffer(&copy).get() != (expected ? expected->address : nullptr) ||
-                    manager.get_fd(&copy) != (expected ? expected->address->fd : -1))
-                    abort();
-            } else {
-                t.buffer.reset();
-            }
-        }
-        if (!made) continue;
-        all.push_back({made, made.get(), {made->va, made->size, made->offset}, action < 2});
-        if (action < 2 && !manager.get_user_raw_buffer(made)) abort();
-        volatile char* va = static_cast<char*>(made->va);
-        if (backed) va[0] = va[backed - 1];
-    }
-    all.clear();  // imports call back into the manager's importer: let go of them first
-    return offset_imports;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     zel_fuzz::QuietLogs(in.ConsumeBool());
-    const int fds = zel_test::CountOpenFds();
-    const int mappings = zel_fuzz::MemfdMappingCount();
+    const int fds = zel_test::CountOpenFds(), mappings = zel_fuzz::MemfdMappingCount();
     const uint8_t fill = in.ConsumeIntegral<uint8_t>();
     const uint32_t source_size = in.ConsumeIntegralInRange<uint32_t>(0, 3 * 4096);
     const int source = zel_fuzz::MakeMemfd("zel_fuzz_src", &fill, 1, source_size);
-    const int kept = Run(in, source, source_size);
+    // Imports that start inside their mapping: their release unmaps from va, so the pages before
+    // it (all of them, for an unaligned va) stay mapped.
+    int offset_imports = 0;
+    {
+        std::vector<char> own(4096);
+        std::vector<Tracked> all;  // declared after the manager: imports call back into it
+        MemoryManager manager;
+        for (int op = 0; op < 64 && in.remaining_bytes() > 0; ++op) {
+            const uint32_t size = in.ConsumeIntegralInRange<uint32_t>(0, 3 * 4096);
+            const uint32_t offset = in.ConsumeBool() ? in.ConsumeIntegral<uint32_t>() : size / 3;
+            Buffer::sptr made;
+            uint32_t backed = 0;  // bytes at va known to be memory
+            const int action = in.ConsumeIntegralInRange(0, 6);
+            if (action == 0) {
+                const int type = in.ConsumeIntegralInRange(0, 5);
+                made = manager.create_memory(static_cast<ZelMmType>(type), size, in.ConsumeBool());
+                if (made && ((type != 1 && type != 4) || size == 0 || made->size != size)) abort();
+                backed = size;
+            } else if (action == 1) {
+                const int fd = in.ConsumeBool() ? source : in.ConsumeIntegralInRange(-2, 64);
+                try {
+                    made = manager.import_memory(fd, source_size, size, offset);
+                } catch (const zel::TalornNnException&) {
+                }
+                if (made && (static_cast<uint32_t>(size + offset) > source_size || fd < 0)) abort();
+                backed = fd == source && uint64_t{size} + offset <= source_size ? size : 0;
+                offset_imports += made && offset != 0;
+            } else if (action == 2) {
+                made = manager.dummy_memory(-1, 0, size % 64, offset % 64, own.data());
+                if (made && manager.get_user_raw_buffer(made)) abort();
+                backed = made ? size % 64 : 0;
+            } else if (!all.empty()) {
+                Tracked& t = all[in.ConsumeIntegralInRange<size_t>(0, all.size() - 1)];
+                ZelBuffer copy = t.view;
+                // A lookup by record finds the pooled buffer of lowest address with its va, size
+                // and offset.
+                Tracked* expected = nullptr;
+                for (Tracked& u : all)
+                    if (u.pooled && u.view.va == copy.va && u.view.size == copy.size &&
+                        u.view.offset == copy.offset &&
+                        (!expected || u.address < expected->address))
+                        expected = &u;
+                const Buffer* found = expected ? expected->address : nullptr;
+                if (action == 3) {  // by a copy of the record, stale or not
+                    if ((manager.delete_memory(&copy) == 0) != (found != nullptr)) abort();
+                    if (expected) expected->pooled = false;
+                } else if (action == 4 && t.buffer) {
+                    if (manager.delete_memory(t.buffer) != 0) abort();
+                    t.pooled = false;
+                } else if (action == 5) {
+                    if (manager.get_buffer(&copy).get() != found ||
+                        manager.get_fd(&copy) != (found ? found->fd : -1))
+                        abort();
+                } else {
+                    t.buffer.reset();
+                }
+            }
+            if (!made) continue;
+            all.push_back({made, made.get(), {made->va, made->size, made->offset}, action < 2});
+            if (action < 2 && !manager.get_user_raw_buffer(made)) abort();
+            volatile char* va = static_cast<char*>(made->va);
+            if (backed) va[0] = va[backed - 1];
+        }
+    }
     close(source);
-    if (zel_test::CountOpenFds() != fds || zel_fuzz::MemfdMappingCount() > mappings + kept) abort();
+    if (zel_test::CountOpenFds() != fds ||
+        zel_fuzz::MemfdMappingCount() > mappings + offset_imports)
+        abort();
     return 0;
 }
