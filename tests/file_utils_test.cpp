@@ -109,6 +109,8 @@ TEST_F(FileUtilsTest, ImportAndExportResultsAndLines) {
     // Null names and addresses are refused, not followed.
     EXPECT_EQ(3, get_file_size(nullptr, &size));
     EXPECT_EQ(3, export_mem_to_file(nullptr, "0", 1));
+    EXPECT_EQ(3, get_file_size(name, nullptr));
+    EXPECT_EQ(3, import_file_to_mem(name, nullptr, nullptr, 0, 0));
     uint64_t value = 5;
     ASSERT_EQ(0, setenv("ZEL_FILE_UTILS_TEST", "12", 1));
     EXPECT_EQ(1, get_environment_variable_u64(nullptr, &value));
@@ -125,6 +127,7 @@ TEST_F(FileUtilsTest, ImportAndExportResultsAndLines) {
                      Line("* Size(4294967295) does not fit a file image\n"),
                      Line("  Size is incorrect(0)!\n"), Line("  FileWrite Failed!!(0)\n"),
                      Line("* File name is nullptr\n"), Line("  Null Filename!\n"),
+                     Line("  2nd parameter is nullptr\n"), Line("  2nd parameter is nullptr\n"),
                      Line("* Environment variable name is nullptr\n"),
                      Line("* No place for the value of ZEL_FILE_UTILS_TEST\n"), Line(compared)}),
               log.messages());
