@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "support/child_process.h"
@@ -29,21 +30,18 @@ TEST(SysUtilsTest, AffinityAndPriorityOfTheCallingThread) {
         zel::debug::DbgPrintManager::GetInstance()->set_mask(0x7);
         if (nice) setpriority(PRIO_PROCESS, 0, 0);
         zel_test::LogCapture log;
-        std::string out = std::to_string(gettid()) + " ";
-        for (unsigned long wanted : {0x1ul, 0x3ul}) {
-            unsigned long mask = 0;
-            out += std::to_string(sys_util_set_sched_affinity(wanted));
-            out += std::to_string(sys_util_get_sched_affinity(&mask));
-            out += std::to_string(mask);
-        }
-        out += std::to_string(sys_util_set_sched_affinity(0)) + " ";  // no CPU at all
-        // At -20 the kernel reports 40, not -20, so the priority is set again.
-        out += std::to_string(ofi_adjust_thread_priority_urgent());
-        out += std::to_string(getpriority(PRIO_PROCESS, 0));
-        out += std::to_string(ofi_adjust_thread_priority_urgent());
+        std::ostringstream out;  // operands are evaluated from left to right
+        out << gettid() << " ";
+        unsigned long mask = 0;
+        for (unsigned long wanted : {0x1ul, 0x3ul})
+            out << sys_util_set_sched_affinity(wanted) << sys_util_get_sched_affinity(&mask)
+                << mask;
+        // No CPU at all. At -20 the kernel reports 40, not -20, so the priority is set again.
+        out << sys_util_set_sched_affinity(0) << " " << ofi_adjust_thread_priority_urgent()
+            << getpriority(PRIO_PROCESS, 0) << ofi_adjust_thread_priority_urgent();
         for (const std::string& message : log.messages())
-            if (message.find("sched_set") == std::string::npos) out += " | " + message;
-        return out;
+            if (message.find("sched_set") == std::string::npos) out << " | " << message;
+        return out.str();
     });
     const std::string tid = result.substr(0, result.find(' '));
     std::string expected =
