@@ -101,6 +101,8 @@ TEST_F(FileUtilsTest, ImportAndExportResultsAndLines) {
     const std::string big = Pattern(1 << 16);  // beyond a stdio buffer: the write itself fails
     EXPECT_EQ(3, export_mem_to_file((dir_ + "/none").c_str(), "01234567", 0));
     EXPECT_NE(0, access((dir_ + "/none").c_str(), F_OK));
+    EXPECT_EQ(3, export_mem_to_file(name, nullptr, 8));
+    EXPECT_EQ(3, export_mem_to_file((dir_ + "/none/x").c_str(), "0", 1));
     EXPECT_EQ(3, export_mem_to_file("/dev/full", big.data(), big.size()));
     EXPECT_EQ(0, export_mem_to_file(name, "76543210", 8));
     EXPECT_EQ("76543210", std::string(import_file_to_mem(name, &size, 0, 0).get(), 8));
@@ -124,9 +126,11 @@ TEST_F(FileUtilsTest, ImportAndExportResultsAndLines) {
     snprintf(compared, 80, "* memory_compare(), null address: a(%p), b(%p)\n", name, nullptr);
     EXPECT_EQ((Lines{Line("  Size(10), Offset(0) is bigger than file size(8)\n"),
                      Line("* Size(4294967295) does not fit a file image\n"),
-                     Line("  Size is incorrect(0)!\n"), Line("  FileWrite Failed!!(0)\n"),
-                     Line("* File name is nullptr\n"), Line("  Null Filename!\n"),
-                     Line("  2nd parameter is nullptr\n"), Line("  2nd parameter is nullptr\n"),
+                     Line("  Size is incorrect(0)!\n"), Line("  Null address!\n"),
+                     Line("  File Open Failed(" + dir_ + "/none/x)!!\n"),
+                     Line("  FileWrite Failed!!(0)\n"), Line("* File name is nullptr\n"),
+                     Line("  Null Filename!\n"), Line("  2nd parameter is nullptr\n"),
+                     Line("  2nd parameter is nullptr\n"),
                      Line("* Environment variable name is nullptr\n"),
                      Line("* No place for the value of ZEL_FILE_UTILS_TEST\n"), Line(compared)}),
               log.messages());
