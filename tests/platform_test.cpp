@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -27,16 +26,11 @@ TEST(PlatformTest, PropertiesReadWhatLibbaseSetAndParseWholeIntegers) {
     EXPECT_EQ(-1, property_set(nullptr, "x"));
 
     // Integers are read as strtoll with base 0 reads them, the whole text or the default.
-    for (const auto& [text, value] :
-         std::vector<std::pair<const char*, int64_t>>{{"0x100007", 0x100007},
-                                                      {"255", 255},
-                                                      {"010", 8},
-                                                      {"-5", -5},
-                                                      {"", -1},
-                                                      {"12abc", -1},
-                                                      {"99999999999999999999", -1}}) {
-        ASSERT_EQ(0, property_set("test.zel.int", text));
-        EXPECT_EQ(value, property_get_int64("test.zel.int", -1)) << text;
+    const char* texts[] = {"0x100007", "255", "010", "-5", "", "12abc", "99999999999999999999"};
+    const int64_t values[] = {0x100007, 255, 8, -5, -1, -1, -1};
+    for (int i = 0; i < 7; ++i) {
+        ASSERT_EQ(0, property_set("test.zel.int", texts[i]));
+        EXPECT_EQ(values[i], property_get_int64("test.zel.int", -1)) << texts[i];
     }
     EXPECT_EQ(42, property_get_int64("test.zel.never.set", 42));
     EXPECT_EQ(42, property_get_int64(nullptr, 42));

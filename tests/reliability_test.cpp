@@ -1,6 +1,5 @@
-// Fault injection, each scenario in a child process: allocation failure (RLIMIT_AS) and descriptor
-// exhaustion (RLIMIT_NOFILE). Every operation must fail with its own result and message, leave its
-// object as it was, and give back every descriptor and mapping it took.
+// Out of memory (RLIMIT_AS) and out of descriptors (RLIMIT_NOFILE), each in a child process: every
+// operation fails with its own result and line, and gives back every descriptor and mapping.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -33,8 +32,7 @@ size_t MappedBytes() {
     return pages * getpagesize();
 }
 
-// Lowers the soft address-space limit to what the process maps now plus `headroom`, so that any
-// larger allocation fails; a headroom of 0 lifts it back to the hard limit.
+// Lets the process map only `headroom` more bytes; 0 lifts the limit back to the hard one.
 bool LimitAddressSpace(size_t headroom) {
     rlimit limit;
     getrlimit(RLIMIT_AS, &limit);
@@ -42,8 +40,7 @@ bool LimitAddressSpace(size_t headroom) {
     return setrlimit(RLIMIT_AS, &limit) == 0;
 }
 
-// " fds=1 maps=1" when descriptors and memfd mappings are back at `fds` and `maps`, then
-// " missing: <text>" for every text that no captured line matches exactly.
+// " fds=1 maps=1" when both counts are back, then " missing: <text>" for every line not logged.
 std::string Released(int fds, int maps, const zel_test::LogCapture& log,
                      const std::vector<std::string>& texts) {
     std::string out = " fds=" + std::to_string(zel_test::CountOpenFds() == fds) +
@@ -54,8 +51,7 @@ std::string Released(int fds, int maps, const zel_test::LogCapture& log,
 }
 
 TEST(ReliabilityTest, AllocationFailuresFailTheOperationAndLeaveNothingBehind) {
-    // Sanitizers reserve terabytes of shadow address space, and under an emulator the limit would
-    // bound the emulator: RLIMIT_AS cannot bound this program there. It runs natively in release.
+    // Sanitizer shadow memory and emulators defeat RLIMIT_AS: this runs natively only.
     if (getenv("ZEL_TEST_EMULATOR") != nullptr || MappedBytes() > (size_t{1} << 40))
         GTEST_SKIP() << "RLIMIT_AS cannot bound this process (sanitizer or emulator)";
     std::ofstream(kPath) << "model";
@@ -155,10 +151,10 @@ TEST(ReliabilityTest, DescriptorExhaustionFailsImportsCleanly) {
             out << " device=" << (device && manager.delete_memory(device) == 0) << " |";
             return out.str();
         };
-        // With numbers to spare first, which also fills UndefinedBehaviorSanitizer's cache of
-        // checked object types: checking an object's type the first time needs a pipe.
+        // Once with numbers to spare, and refused requests, so that UBSan's type checks (which
+        // need a pipe the first time) are done before the table is full.
         std::string out = round();
-        try {  // and refused requests, for the types their failures use
+        try {
             manager.create_memory(ZEL_MM_DEVICE_BUFFER, 0, 1);
             manager.import_memory(-1, 4096, 4096, 0);
         } catch (const zel::TalornNnException&) {

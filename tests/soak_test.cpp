@@ -1,7 +1,5 @@
-// Soak: eight threads record into their registered profilers while another logs at every zone,
-// bounded by counts, not time. Every record and log line must be accounted for afterwards and every
-// descriptor given back. CI runs it under ThreadSanitizer and LeakSanitizer; the memory manager's
-// own threads are in memory_process_test.
+// Soak, bounded by counts: eight threads record into their profilers while another logs at every
+// zone; every record and line is accounted for and every descriptor given back (CI adds TSan).
 #include <gtest/gtest.h>
 
 #include <thread>
