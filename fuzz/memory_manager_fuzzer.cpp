@@ -12,15 +12,6 @@
 
 using namespace zel::memory;
 
-namespace {
-
-struct Tracked {
-    Buffer::sptr buffer;  // the caller's reference, null once dropped
-    ZelBuffer view;
-};
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     zel_fuzz::QuietLogs(in.ConsumeBool());
@@ -28,12 +19,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t fill = in.ConsumeIntegral<uint8_t>();
     const uint32_t source_size = in.ConsumeIntegralInRange<uint32_t>(0, 3 * 4096);
     const int source = zel_fuzz::MakeMemfd("zel_fuzz_src", &fill, 1, source_size);
-    // Imports that start inside their mapping: their release unmaps from va, so the pages before
-    // it (all of them, for an unaligned va) stay mapped.
-    int offset_imports = 0;
+    int offset_imports = 0;  // their release unmaps from va: the pages before it stay mapped
     {
         std::vector<char> own(4096);
-        std::vector<Tracked> all;  // declared after the manager: imports call back into it
+        // Each buffer's caller reference (null once dropped) and record; declared after the
+        // manager, as imports call back into it.
+        std::vector<std::pair<Buffer::sptr, ZelBuffer>> all;
         MemoryManager manager;
         for (int op = 0; op < 64 && in.remaining_bytes() > 0; ++op) {
             const uint32_t size = in.ConsumeIntegralInRange<uint32_t>(0, 3 * 4096);
@@ -60,17 +51,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 if (made && manager.get_user_raw_buffer(made)) abort();
                 backed = made ? size % 64 : 0;
             } else if (!all.empty()) {
-                Tracked& t = all[in.ConsumeIntegralInRange<size_t>(0, all.size() - 1)];
-                ZelBuffer copy = t.view;  // a copy of the record, stale or not
+                auto& [buffer, view] = all[in.ConsumeIntegralInRange<size_t>(0, all.size() - 1)];
+                ZelBuffer copy = view;  // a copy of the record, stale or not
                 if (action == 3) {
                     manager.delete_memory(&copy);
-                } else if (action == 4 && t.buffer) {
-                    if (manager.delete_memory(t.buffer) != 0) abort();
+                } else if (action == 4 && buffer) {
+                    if (manager.delete_memory(buffer) != 0) abort();
                 } else if (action == 5) {
                     const Buffer::sptr found = manager.get_buffer(&copy);
                     if (manager.get_fd(&copy) != (found ? found->fd : -1)) abort();
                 } else {
-                    t.buffer.reset();
+                    buffer.reset();
                 }
             }
             if (!made) continue;

@@ -1,7 +1,6 @@
 // Loading files into memory, split reads over several handles, cursors, export and dumps.
 #include "util/zel_utils.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -95,12 +94,11 @@ TEST_F(FileUtilsTest, ImportAndExportResultsAndLines) {
     EXPECT_EQ(nullptr, import_file_to_mem(name, &size, 10, 0));
     EXPECT_EQ(nullptr, import_file_to_mem(name, &size, 0xFFFFFFFFu, 1));
 
-    const std::string big = Pattern(1 << 16);  // beyond a stdio buffer: the write itself fails
     EXPECT_EQ(3, export_mem_to_file((dir_ + "/none").c_str(), "01234567", 0));
     EXPECT_NE(0, access((dir_ + "/none").c_str(), F_OK));
     EXPECT_EQ(3, export_mem_to_file(name, nullptr, 8));
     EXPECT_EQ(3, export_mem_to_file((dir_ + "/none/x").c_str(), "0", 1));
-    EXPECT_EQ(3, export_mem_to_file("/dev/full", big.data(), big.size()));
+    EXPECT_EQ(3, export_mem_to_file("/dev/full", Pattern(1 << 16).data(), 1 << 16));  // unbuffered
     EXPECT_EQ(0, export_mem_to_file(name, "76543210", 8));
     EXPECT_EQ("76543210", std::string(import_file_to_mem(name, &size, 0, 0).get(), 8));
 
@@ -137,8 +135,7 @@ TEST_F(FileUtilsTest, CursorAndMissingFile) {
     LogCapture log;
     FileBufferReader reader(Write("eight", "01234567")), missing(dir_ + "/missing");
     char out[9] = {};
-    // s: set_cursor, m: move_cursor (wrapping in 32 bits), c: copy_buffer_with_cursor to the
-    // cursor's place in `out`.
+    // s: set_cursor, m: move_cursor (wrapping), c: copy_buffer_with_cursor to `out` at the cursor
     const std::tuple<char, uint32_t, int, uint32_t> steps[] = {
             {'s', 8, 0, 8}, {'s', 9, 3, 8}, {'s', 0, 0, 0}, {'c', 5, 0, 5},
             {'c', 3, 0, 8}, {'c', 1, 3, 8}, {'s', 4, 0, 4}, {'m', 0xFFFFFFFEu, 0, 2},
@@ -159,8 +156,7 @@ TEST_F(FileUtilsTest, CursorAndMissingFile) {
                      Line("  move(1), current(8) > size(8)\n"), Line("  parameter(1) is too big\n"),
                      Line("  File Open Error\n")}),
               log.messages());
-    // A failed read leaves the cursor where it was. The file is larger than one stdio block, so
-    // its start is not buffered yet when it shrinks.
+    // A failed read keeps the cursor; the file, over a stdio block, shrinks before its first read.
     FileBufferReader shrinking(Write("shrinking", Pattern(10000)));
     std::string big(4000, '\0');
     ASSERT_EQ(0, shrinking.set_cursor(2));
@@ -169,8 +165,7 @@ TEST_F(FileUtilsTest, CursorAndMissingFile) {
     EXPECT_EQ(2u, shrinking.get_cursor());
 }
 
-// Split reads: exact to the byte in eight pieces, inside their window of a shared mapping, failed
-// by any short piece. Reads with fewer handles are in reliability_test.
+// Split reads: exact to the byte in eight pieces inside their window, failed by any short piece.
 TEST_F(FileUtilsTest, SplitReads) {
     SetMask(0x7);
     const uint32_t size = 0x100003;
@@ -196,18 +191,15 @@ TEST_F(FileUtilsTest, SplitReads) {
     ASSERT_EQ(0, mprotect(base, mapped, PROT_READ));
     EXPECT_EQ(2, reader.copy_buffer(window, size, 0));
     munmap(base, mapped);
-    // Only worker 3's handle is on a file too short for its piece.
-    std::fclose(reader.handles[3]);
+    std::fclose(reader.handles[3]);  // worker 3 reads a file too short for its piece
     reader.handles[3] = std::fopen(Write("short", Pattern(1 << 18)).c_str(), "rb");
     std::string out(size, '\0');
     SetMask(0x3);
     log.clear();
     EXPECT_EQ(2, reader.copy_buffer(&out[0], size, 0));
     EXPECT_EQ(Lines{Line("  File Read Error\n")}, log.messages());
-
-    // The file truncated between open and read.
     FileBufferReader fresh(path);
-    ASSERT_EQ(0, truncate(path.c_str(), 3 << 18));
+    ASSERT_EQ(0, truncate(path.c_str(), 3 << 18));  // between open and read
     EXPECT_EQ(2, fresh.copy_buffer(&out[0], 0, 0));
 }
 

@@ -32,12 +32,11 @@ TEST(SoakTest, RecordingAndLoggingTogether) {
         });
     }
     threads.emplace_back([] {
-        for (int round = 0; round < 2000; ++round) {
+        for (int round = 0; round < 2000; ++round)
             for (uint64_t zone = 0; zone < 8; ++zone) {  // every zone with a table entry
                 ZEL_LOG(zone, zel::debug::PRINT_TRACE, "  soak line %d\n", round);
                 ZEL_MSG(zone) << "soak line " << round << std::endl;
             }
-        }
     });
     for (std::thread& thread : threads)
         thread.join();
