@@ -1,6 +1,5 @@
 // The memory manager under fuzzed create / import / dummy / delete / lookup sequences: lookups by
-// record (copies and stale records included) agree with each other, each buffer handed out is
-// touched at both ends, and nothing may be left open or mapped at the end.
+// stale or copied records agree, buffers are touched at both ends, nothing is left open or mapped.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 
@@ -22,8 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     int offset_imports = 0;  // their release unmaps from va: the pages before it stay mapped
     {
         std::vector<char> own(4096);
-        // Each buffer's caller reference (null once dropped) and record; declared after the
-        // manager, as imports call back into it.
+        // Caller references (null once dropped) and records, freed before the manager they call.
         std::vector<std::pair<Buffer::sptr, ZelBuffer>> all;
         MemoryManager manager;
         for (int op = 0; op < 64 && in.remaining_bytes() > 0; ++op) {

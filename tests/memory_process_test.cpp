@@ -1,4 +1,5 @@
-// The memory manager across threads: every descriptor and mapping it takes comes back.
+// The memory manager across threads: every descriptor and memfd mapping it takes comes back,
+// counted exactly (sanitizer runtimes map no memfds).
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -16,7 +17,6 @@ using namespace zel::memory;
 using zel_test::CountMemfdMappings;
 using zel_test::CountOpenFds;
 
-// Descriptors and memfd mappings are counted exactly: sanitizer runtimes map no memfds.
 TEST(MemoryProcessTest, EightThreadsCycleEveryKindAndGiveEverythingBack) {
     const int fds = CountOpenFds(), maps = CountMemfdMappings();
     {
@@ -24,8 +24,7 @@ TEST(MemoryProcessTest, EightThreadsCycleEveryKindAndGiveEverythingBack) {
         const int source = memfd_create("import_source", MFD_CLOEXEC);
         ASSERT_EQ(0, ftruncate(source, 8192));
         char local[64];
-        // One cycle of kind 0 heap, 1 cached, 2 uncached, 3 import, 4 dummy, deleted by its record
-        // or its pointer; false if any step failed.
+        // Kind 0 heap, 1 cached, 2 uncached, 3 import, 4 dummy; false if any step failed.
         auto cycle = [&](int kind, bool by_record) {
             if (kind == 4) return manager.dummy_memory(-1, 64, 32, 8, local) != nullptr;
             Buffer::sptr buffer =

@@ -32,13 +32,11 @@ const std::string kDeviceAt = "(src/common/zel_memory/allocator/device_buffer_al
 
 // what() of the TalornNnException that `body` throws.
 template <typename Body>
-std::string Thrown(Body body) {
-    try {
-        body();
-    } catch (const TalornNnException& e) {
-        return e.what();
-    }
+std::string Thrown(Body body) try {
+    body();
     return "<nothing thrown>";
+} catch (const TalornNnException& e) {
+    return e.what();
 }
 
 // Heap a dmabuf descriptor came from: its exporter name, or the name of the host's memfd.

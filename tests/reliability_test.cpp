@@ -51,7 +51,6 @@ std::string Released(int fds, int maps, const zel_test::LogCapture& log,
 }
 
 TEST(ReliabilityTest, AllocationFailuresFailTheOperationAndLeaveNothingBehind) {
-    // Sanitizer shadow memory and emulators defeat RLIMIT_AS: this runs natively only.
     if (getenv("ZEL_TEST_EMULATOR") != nullptr || MappedBytes() > (size_t{1} << 40))
         GTEST_SKIP() << "RLIMIT_AS cannot bound this process (sanitizer or emulator)";
     std::ofstream(kPath) << "model";
