@@ -103,13 +103,10 @@ TEST(ReliabilityTest, AllocationFailuresFailTheOperationAndLeaveNothingBehind) {
         return out.str() +
                Released(fds, maps, log,
                         {Line("* Fail to alloc memory for rawdata\n"),
-                         Line("* Fail to process queue data to rawdata.(service)\n"),
                          Line("* Fail to alloc memory for rawdata. size(16000000)\n"),
                          Line("* profiler mem alloc error\n"),
                          MsgLine("Exception at creation: Heap allocation failed"
                                  "(src/common/zel_memory/allocator/heap_allocator:51)"),
-                         MsgLine("Exception: Argument is nullptr"
-                                 "(src/common/zel_memory/buffer_pool:41)"),
                          Line("* Fail to allocate 67108865 bytes for " + kPath + "\n")});
     });
     EXPECT_EQ(
