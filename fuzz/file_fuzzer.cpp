@@ -1,6 +1,5 @@
-// Files: both import_file_to_mem overloads and FileBufferReader's reads and cursor, over a fuzzed
-// file (missing, small, or around the 1 MiB split-read threshold) and fuzzed, possibly wrapping,
-// sizes and offsets. A read that reports success must have delivered the file's bytes there.
+// Files: import_file_to_mem and FileBufferReader's split reads over a fuzzed file (missing, small,
+// or around the 1 MiB split-read threshold) and fuzzed, possibly wrapping, sizes and offsets.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 
@@ -11,29 +10,23 @@
 #include "fuzz_support.h"
 #include "util/zel_utils.h"
 
-namespace {
-
-std::string g_path;
-
-// Success for `length` bytes at `offset`: those bytes of the file, all inside it.
-void Check(const std::string& file, const char* out, uint64_t length, uint64_t offset) {
+// A read that reports success for `length` bytes at `offset` delivered those bytes of the file.
+static void Check(const std::string& file, const char* out, uint64_t length, uint64_t offset) {
     if (offset + length > file.size() || memcmp(out, file.data() + offset, length) != 0) abort();
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     zel_fuzz::QuietLogs(in.ConsumeBool());
-    if (g_path.empty()) g_path = "/tmp/zel_file_fuzzer_" + std::to_string(getpid()) + ".bin";
+    static const std::string path = "/tmp/zel_file_fuzzer_" + std::to_string(getpid()) + ".bin";
     const int kind = in.ConsumeIntegralInRange(0, 2);
     std::string file = kind != 0 ? in.ConsumeRandomLengthString(4096) : "";
     const size_t length = 0x100000 - 16 + in.ConsumeIntegralInRange(0, 0x20000);
     while (kind == 2 && !file.empty() && file.size() < length)
         file += file.substr(0, length - file.size());
-    unlink(g_path.c_str());
-    if (kind != 0) std::ofstream(g_path, std::ios::binary) << file;
-    zel::util::FileBufferReader reader(g_path);
+    unlink(path.c_str());
+    if (kind != 0) std::ofstream(path, std::ios::binary) << file;
+    zel::util::FileBufferReader reader(path);
     if (reader.size != file.size()) abort();
     while (in.remaining_bytes() > 0) {
         const uint32_t a = in.ConsumeIntegral<uint32_t>() % (file.size() + 3) +
@@ -42,37 +35,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const uint32_t want = a != 0 ? a : reader.size;
         char* image = nullptr;
         uint32_t loaded = 0;
-        uint32_t whole = 0;
-        switch (in.ConsumeIntegralInRange(0, 3)) {
-            case 0:
-                if (zel::util::import_file_to_mem(g_path.c_str(), &image, &loaded, a, b) == 0)
-                    Check(file, image, loaded, b);
-                free(image);
-                break;
-            case 1:
-                if (zel::util::import_file_to_mem(g_path.c_str(), &whole, a, b) &&
-                    whole != file.size())
-                    abort();
-                break;
-            case 2:
-                if (want <= file.size()) {
-                    std::string out(want, '\0');
-                    if (reader.copy_buffer(&out[0], a, b) == 0) Check(file, out.data(), want, b);
-                }
-                break;
-            default:
-                if (want <= file.size()) {
-                    const uint32_t before = reader.get_cursor();
-                    std::string out(want, '\0');
-                    const bool read = reader.copy_buffer_with_cursor(&out[0], a) == 0;
-                    if (read) Check(file, out.data(), a, before);
-                    if (reader.get_cursor() != (read ? before + a : before)) abort();
-                }
-                in.ConsumeBool() ? reader.set_cursor(b) : reader.move_cursor(a);
-                break;
+        if (in.ConsumeBool()) {
+            if (zel::util::import_file_to_mem(path.c_str(), &image, &loaded, a, b) == 0)
+                Check(file, image, loaded, b);
+            free(image);
+        } else if (want <= file.size()) {
+            std::string out(want, '\0');
+            if (reader.copy_buffer(&out[0], a, b) == 0) Check(file, out.data(), want, b);
         }
-        if (reader.get_cursor() > reader.size) abort();
     }
-    unlink(g_path.c_str());
+    unlink(path.c_str());
     return 0;
 }

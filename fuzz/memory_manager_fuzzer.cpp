@@ -1,6 +1,5 @@
-// The memory manager under fuzzed create / import / dummy / delete / lookup sequences. A model of
-// the pool predicts every delete and lookup by record (copies and stale records included), each
-// buffer handed out is touched at both ends, and nothing may be left open or mapped at the end.
+// The memory manager under fuzzed create / import / dummy / delete / lookup sequences: lookups by
+// stale or copied records agree, buffers are touched at both ends, nothing is left open or mapped.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <unistd.h>
 
@@ -9,100 +8,70 @@
 
 #include "fuzz_support.h"
 #include "src/common/zel_memory/memory_manager.h"
-#include "support/proc_stats.h"
 
 using namespace zel::memory;
-
-namespace {
-
-struct Tracked {
-    Buffer::sptr buffer;  // the caller's reference, null once dropped
-    const Buffer* address;
-    ZelBuffer view;
-    bool pooled;
-};
-
-// What a lookup by `view` finds: the pooled buffer of lowest address with that va, size, offset.
-const Tracked* Expected(const std::vector<Tracked>& all, const ZelBuffer& view) {
-    const Tracked* found = nullptr;
-    for (const Tracked& t : all)
-        if (t.pooled && t.view.va == view.va && t.view.size == view.size &&
-            t.view.offset == view.offset && (!found || t.address < found->address))
-            found = &t;
-    return found;
-}
-
-// Returns how many imports started inside their mapping: their release unmaps from va, so the
-// pages before it (all of them, for an unaligned va) stay mapped.
-int Run(FuzzedDataProvider& in, int source, uint32_t source_size) {
-    int offset_imports = 0;
-    std::vector<char> own(4096);
-    std::vector<Tracked> all;
-    MemoryManager manager;
-    for (int op = 0; op < 64 && in.remaining_bytes() > 0; ++op) {
-        const uint32_t size = in.ConsumeIntegralInRange<uint32_t>(0, 3 * 4096);
-        const uint32_t offset = in.ConsumeBool() ? in.ConsumeIntegral<uint32_t>() : size / 3;
-        Buffer::sptr made;
-        uint32_t backed = 0;  // bytes at va known to be memory
-        const int action = in.ConsumeIntegralInRange(0, 6);
-        if (action == 0) {
-            const int type = in.ConsumeIntegralInRange(0, 5);
-            made = manager.create_memory(static_cast<ZelMmType>(type), size, in.ConsumeBool());
-            if (made && ((type != 1 && type != 4) || size == 0 || made->size != size)) abort();
-            backed = size;
-        } else if (action == 1) {
-            const int fd = in.ConsumeBool() ? source : in.ConsumeIntegralInRange(-2, 64);
-            try {
-                made = manager.import_memory(fd, source_size, size, offset);
-            } catch (const zel::TalornNnException&) {
-            }
-            if (made && (static_cast<uint32_t>(size + offset) > source_size || fd < 0)) abort();
-            backed = fd == source && uint64_t{size} + offset <= source_size ? size : 0;
-            offset_imports += made && offset != 0;
-        } else if (action == 2) {
-            made = manager.dummy_memory(-1, 0, size % 64, offset % 64, own.data());
-            if (made && manager.get_user_raw_buffer(made)) abort();
-            backed = made ? size % 64 : 0;
-        } else if (!all.empty()) {
-            Tracked& t = all[in.ConsumeIntegralInRange<size_t>(0, all.size() - 1)];
-            ZelBuffer copy = t.view;
-            const Tracked* expected = Expected(all, copy);
-            if (action == 3) {  // by a copy of the record, stale or not
-                if ((manager.delete_memory(&copy) == 0) != (expected != nullptr)) abort();
-                if (expected) const_cast<Tracked*>(expected)->pooled = false;
-            } else if (action == 4 && t.buffer) {
-                if (manager.delete_memory(t.buffer) != 0) abort();
-                t.pooled = false;
-            } else if (action == 5) {
-                if (manager.get_buffer(&copy).get() != (expected ? expected->address : nullptr) ||
-                    manager.get_fd(&copy) != (expected ? expected->address->fd : -1))
-                    abort();
-            } else {
-                t.buffer.reset();
-            }
-        }
-        if (!made) continue;
-        all.push_back({made, made.get(), {made->va, made->size, made->offset}, action < 2});
-        if (action < 2 && !manager.get_user_raw_buffer(made)) abort();
-        volatile char* va = static_cast<char*>(made->va);
-        if (backed) va[0] = va[backed - 1];
-    }
-    all.clear();  // imports call back into the manager's importer: let go of them first
-    return offset_imports;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     zel_fuzz::QuietLogs(in.ConsumeBool());
-    const int fds = zel_test::CountOpenFds();
-    const int mappings = zel_fuzz::MemfdMappingCount();
+    const int fds = zel_test::CountOpenFds(), mappings = zel_fuzz::MemfdMappingCount();
     const uint8_t fill = in.ConsumeIntegral<uint8_t>();
     const uint32_t source_size = in.ConsumeIntegralInRange<uint32_t>(0, 3 * 4096);
     const int source = zel_fuzz::MakeMemfd("zel_fuzz_src", &fill, 1, source_size);
-    const int kept = Run(in, source, source_size);
+    int offset_imports = 0;  // their release unmaps from va: the pages before it stay mapped
+    {
+        std::vector<char> own(4096);
+        // Caller references (null once dropped) and records, freed before the manager they call.
+        std::vector<std::pair<Buffer::sptr, ZelBuffer>> all;
+        MemoryManager manager;
+        for (int op = 0; op < 64 && in.remaining_bytes() > 0; ++op) {
+            const uint32_t size = in.ConsumeIntegralInRange<uint32_t>(0, 3 * 4096);
+            const uint32_t offset = in.ConsumeBool() ? in.ConsumeIntegral<uint32_t>() : size / 3;
+            Buffer::sptr made;
+            uint32_t backed = 0;  // bytes at va known to be memory
+            const int action = in.ConsumeIntegralInRange(0, 6);
+            if (action == 0) {
+                const int type = in.ConsumeIntegralInRange(0, 5);
+                made = manager.create_memory(static_cast<ZelMmType>(type), size, in.ConsumeBool());
+                if (made && ((type != 1 && type != 4) || size == 0 || made->size != size)) abort();
+                backed = size;
+            } else if (action == 1) {
+                const int fd = in.ConsumeBool() ? source : in.ConsumeIntegralInRange(-2, 64);
+                try {
+                    made = manager.import_memory(fd, source_size, size, offset);
+                } catch (const zel::TalornNnException&) {
+                }
+                if (made && (static_cast<uint32_t>(size + offset) > source_size || fd < 0)) abort();
+                backed = fd == source && uint64_t{size} + offset <= source_size ? size : 0;
+                offset_imports += made && offset != 0;
+            } else if (action == 2) {
+                made = manager.dummy_memory(-1, 0, size % 64, offset % 64, own.data());
+                if (made && manager.get_user_raw_buffer(made)) abort();
+                backed = made ? size % 64 : 0;
+            } else if (!all.empty()) {
+                auto& [buffer, view] = all[in.ConsumeIntegralInRange<size_t>(0, all.size() - 1)];
+                ZelBuffer copy = view;  // a copy of the record, stale or not
+                if (action == 3) {
+                    manager.delete_memory(&copy);
+                } else if (action == 4 && buffer) {
+                    if (manager.delete_memory(buffer) != 0) abort();
+                } else if (action == 5) {
+                    const Buffer::sptr found = manager.get_buffer(&copy);
+                    if (manager.get_fd(&copy) != (found ? found->fd : -1)) abort();
+                } else {
+                    buffer.reset();
+                }
+            }
+            if (!made) continue;
+            all.push_back({made, {made->va, made->size, made->offset}});
+            if (action < 2 && !manager.get_user_raw_buffer(made)) abort();
+            volatile char* va = static_cast<char*>(made->va);
+            if (backed) va[0] = va[backed - 1];
+        }
+    }
     close(source);
-    if (zel_test::CountOpenFds() != fds || zel_fuzz::MemfdMappingCount() > mappings + kept) abort();
+    if (zel_test::CountOpenFds() != fds ||
+        zel_fuzz::MemfdMappingCount() > mappings + offset_imports)
+        abort();
     return 0;
 }

@@ -1,18 +1,11 @@
-// Host platform layer: system properties over libbase's store, and the dmabuf heap allocator.
-#include <BufferAllocator/BufferAllocator.h>
+// Host platform layer: system properties over libbase's store (its dmabuf heaps: memory_test).
 #include <android-base/properties.h>
-#include <android-base/unique_fd.h>
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <string>
 
-#include "support/proc_stats.h"
-
 namespace {
-
-using android::base::unique_fd;
 
 TEST(PlatformTest, PropertiesReadWhatLibbaseSetAndParseWholeIntegers) {
     char value[PROPERTY_VALUE_MAX];
@@ -21,17 +14,15 @@ TEST(PlatformTest, PropertiesReadWhatLibbaseSetAndParseWholeIntegers) {
     ASSERT_TRUE(android::base::SetProperty("test.zel.text", "ab4420"));
     EXPECT_EQ(6, property_get("test.zel.text", value, "default"));
     EXPECT_STREQ("ab4420", value);
-    // An empty value reads as unset.
     ASSERT_EQ(0, property_set("test.zel.text", ""));
     EXPECT_EQ(7, property_get("test.zel.text", value, "default"));
     EXPECT_STREQ("default", value);
-    // Values are cut to what a property can hold.
     ASSERT_EQ(0, property_set("test.zel.long", std::string(200, 'x').c_str()));
     EXPECT_EQ(PROPERTY_VALUE_MAX - 1, property_get("test.zel.long", value, nullptr));
     EXPECT_EQ(std::string(PROPERTY_VALUE_MAX - 1, 'x'), value);
     EXPECT_EQ(-1, property_set(nullptr, "x"));
 
-    // Integers are read as strtoll with base 0 reads them, the whole text or the default.
+    // Integers as strtoll with base 0 reads them: the whole text, else the default.
     const char* texts[] = {"0x100007", "255", "010", "-5", "", "12abc", "99999999999999999999"};
     const int64_t values[] = {0x100007, 255, 8, -5, -1, -1, -1};
     for (int i = 0; i < 7; ++i) {
@@ -40,18 +31,6 @@ TEST(PlatformTest, PropertiesReadWhatLibbaseSetAndParseWholeIntegers) {
     }
     EXPECT_EQ(42, property_get_int64("test.zel.never.set", 42));
     EXPECT_EQ(42, property_get_int64(nullptr, 42));
-}
-
-// The host's dmabuf heaps, real or memfd, round a buffer to whole pages as the kernel does.
-TEST(PlatformTest, DeviceBuffersAreWholePages) {
-    const int fds = zel_test::CountOpenFds();
-    {
-        BufferAllocator allocator;
-        unique_fd buffer(allocator.Alloc("system", 5000, 0, 0));
-        ASSERT_GE(buffer.get(), 0);
-        EXPECT_EQ(8192, lseek(buffer.get(), 0, SEEK_END));
-    }
-    EXPECT_EQ(fds, zel_test::CountOpenFds());
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
-// Fault injection, each scenario in a child process: allocation failure (RLIMIT_AS) and descriptor
-// exhaustion (RLIMIT_NOFILE). Every operation must fail with its own result and message, leave its
-// object as it was, and give back every descriptor and mapping it took.
+// Out of memory (RLIMIT_AS) and out of descriptors (RLIMIT_NOFILE), each in a child process: every
+// operation fails with its own result and line, and gives back every descriptor and mapping.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 
 #include <fstream>
+#include <sstream>
 
 #include "src/common/zel_memory/memory_manager.h"
 #include "support/child_process.h"
@@ -32,8 +32,7 @@ size_t MappedBytes() {
     return pages * getpagesize();
 }
 
-// Lowers the soft address-space limit to what the process maps now plus `headroom`, so that any
-// larger allocation fails; a headroom of 0 lifts it back to the hard limit.
+// Lets the process map only `headroom` more bytes; 0 lifts the limit back to the hard one.
 bool LimitAddressSpace(size_t headroom) {
     rlimit limit;
     getrlimit(RLIMIT_AS, &limit);
@@ -41,8 +40,7 @@ bool LimitAddressSpace(size_t headroom) {
     return setrlimit(RLIMIT_AS, &limit) == 0;
 }
 
-// " fds=1 maps=1" when descriptors and memfd mappings are back at `fds` and `maps`, then
-// " missing: <text>" for every text that no captured line matches exactly.
+// " fds=1 maps=1" when both counts are back, then " missing: <text>" for every line not logged.
 std::string Released(int fds, int maps, const zel_test::LogCapture& log,
                      const std::vector<std::string>& texts) {
     std::string out = " fds=" + std::to_string(zel_test::CountOpenFds() == fds) +
@@ -53,8 +51,6 @@ std::string Released(int fds, int maps, const zel_test::LogCapture& log,
 }
 
 TEST(ReliabilityTest, AllocationFailuresFailTheOperationAndLeaveNothingBehind) {
-    // Sanitizers reserve terabytes of shadow address space, and under an emulator the limit would
-    // bound the emulator: RLIMIT_AS cannot bound this program there. It runs natively in release.
     if (getenv("ZEL_TEST_EMULATOR") != nullptr || MappedBytes() > (size_t{1} << 40))
         GTEST_SKIP() << "RLIMIT_AS cannot bound this process (sanitizer or emulator)";
     std::ofstream(kPath) << "model";
@@ -80,46 +76,38 @@ TEST(ReliabilityTest, AllocationFailuresFailTheOperationAndLeaveNothingBehind) {
         const int fds = zel_test::CountOpenFds(), maps = zel_test::CountMemfdMappings();
 
         if (!LimitAddressSpace(4 * kMiB)) return std::string("cannot limit");
-        std::string out = "finalize=" + std::to_string(queued.finalize());
-        out += std::to_string(queued.finalized) + std::to_string(queued.rawdata != nullptr);
-        out += " merge=" + std::to_string(parent.merge(&child));
-        out += std::to_string(parent.rawdata == before && parent.num_label == 2 &&
-                              parent.rawdata_size == p.size() * 40);
-        out += " heap=" +
-               std::to_string(manager.create_memory(ZEL_MM_HEAP, 64 * kMiB, 0) == nullptr);
-        out += " device=" +
-               std::to_string(manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64 * kMiB, 1) == nullptr);
+        std::ostringstream out;
+        out << "finalize=" << queued.finalize() << queued.finalized << (queued.rawdata != nullptr);
+        out << " merge=" << parent.merge(&child)
+            << (parent.rawdata == before && parent.num_label == 2 &&
+                parent.rawdata_size == p.size() * 40);
+        out << " heap=" << (manager.create_memory(ZEL_MM_HEAP, 64 * kMiB, 0) == nullptr);
+        out << " device=" << (manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64 * kMiB, 1) == nullptr);
         uint32_t whole = 0;
-        out += " owning=" +
-               std::to_string(import_file_to_mem(kPath.c_str(), &whole, 0, 0) == nullptr);
         char* image = nullptr;
-        out += " caller=" +
-               std::to_string(import_file_to_mem(kPath.c_str(), &image, nullptr, 0, 0));
-        out += std::to_string(image == nullptr);
-        out += " dump=" + std::to_string(FileBufferReader(kPath).dump_model_file());
+        out << " owning=" << (import_file_to_mem(kPath.c_str(), &whole, 0, 0) == nullptr);
+        out << " caller=" << import_file_to_mem(kPath.c_str(), &image, nullptr, 0, 0)
+            << (image == nullptr) << " dump=" << FileBufferReader(kPath).dump_model_file();
         for (int i = 0; i < 3; ++i) {
             try {
                 if (i == 0) ZelProfiler copy(7, p.data(), p.size() * 40, 50000, 100000, 2);
                 if (i == 1) client.fill_profile_mem_to_send_service();
                 if (i == 2) delete new ZelDeviceProfiler(4, 2000000, false);  // a 96 MB buffer
-                out += " made";
+                out << " made";
             } catch (const std::runtime_error& e) {
-                out += std::string(" thrown=") + e.what();
+                out << " thrown=" << e.what();
             }
         }
-        LimitAddressSpace(0);
-        out += " retry=" + std::to_string(parent.merge(&child));  // memory is there again
-        out += std::to_string(client.profile_memory == nullptr);
-        return out + Released(fds, maps, log,
-                              {Line("* Fail to alloc memory for rawdata\n"),
-                               Line("* Fail to process queue data to rawdata.(service)\n"),
-                               Line("* Fail to alloc memory for rawdata. size(16000000)\n"),
-                               Line("* profiler mem alloc error\n"),
-                               MsgLine("Exception at creation: Heap allocation failed"
-                                       "(src/common/zel_memory/allocator/heap_allocator:51)"),
-                               MsgLine("Exception: Argument is nullptr"
-                                       "(src/common/zel_memory/buffer_pool:41)"),
-                               Line("* Fail to allocate 67108865 bytes for " + kPath + "\n")});
+        LimitAddressSpace(0);  // memory is there again
+        out << " retry=" << parent.merge(&child) << (client.profile_memory == nullptr);
+        return out.str() +
+               Released(fds, maps, log,
+                        {Line("* Fail to alloc memory for rawdata\n"),
+                         Line("* Fail to alloc memory for rawdata. size(16000000)\n"),
+                         Line("* profiler mem alloc error\n"),
+                         MsgLine("Exception at creation: Heap allocation failed"
+                                 "(src/common/zel_memory/allocator/heap_allocator:51)"),
+                         Line("* Fail to allocate 67108865 bytes for " + kPath + "\n")});
     });
     EXPECT_EQ(
             "finalize=100 merge=11 heap=1 device=1 owning=1 caller=31 dump=5 thrown=no mem\n "
@@ -143,28 +131,26 @@ TEST(ReliabilityTest, DescriptorExhaustionFailsImportsCleanly) {
         if (source < 0 || ftruncate(source, 4096) != 0) return std::string("no memfd");
         const auto round = [&] {
             uint32_t whole = 0;
-            std::unique_ptr<char[]> image = import_file_to_mem(kPath.c_str(), &whole, 0, 0);
-            std::string out =
-                    " owning=" + std::to_string(image && std::string(image.get(), whole) == data);
             char* block = nullptr;
-            out += " caller=" +
-                   std::to_string(import_file_to_mem(kPath.c_str(), &block, nullptr, 0, 0));
-            out += std::to_string(block != nullptr && std::string(block, data.size()) == data);
+            std::unique_ptr<char[]> image = import_file_to_mem(kPath.c_str(), &whole, 0, 0);
+            std::ostringstream out;
+            out << " owning=" << (image && std::string(image.get(), whole) == data)
+                << " caller=" << import_file_to_mem(kPath.c_str(), &block, nullptr, 0, 0)
+                << (block != nullptr && std::string(block, data.size()) == data) << " import=";
             std::free(block);
             try {
-                Buffer::sptr imported = manager.import_memory(source, 4096, 4096, 0);
-                out += " import=" + std::to_string(manager.delete_memory(imported));
+                out << manager.delete_memory(manager.import_memory(source, 4096, 4096, 0));
             } catch (const zel::TalornNnException& e) {
-                out += std::string(" import=") + e.what();
+                out << e.what();
             }
             Buffer::sptr device = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 4096, 1);
-            return out + " device=" + std::to_string(device && manager.delete_memory(device) == 0) +
-                   " |";
+            out << " device=" << (device && manager.delete_memory(device) == 0) << " |";
+            return out.str();
         };
-        // With numbers to spare first, which also fills UndefinedBehaviorSanitizer's cache of
-        // checked object types: checking an object's type the first time needs a pipe.
+        // Once with numbers to spare, and refused requests, so that UBSan's type checks (which
+        // need a pipe the first time) are done before the table is full.
         std::string out = round();
-        try {  // and refused requests, for the types their failures use
+        try {
             manager.create_memory(ZEL_MM_DEVICE_BUFFER, 0, 1);
             manager.import_memory(-1, 4096, 4096, 0);
         } catch (const zel::TalornNnException&) {

@@ -1,5 +1,4 @@
-// SoC identification from "ro.hardware". Read-only properties are set once per process, so each
-// hardware name is tried in a child of its own.
+// SoC identification from "ro.hardware", set once per process: each name in a child of its own.
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
 

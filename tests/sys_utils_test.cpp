@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "support/child_process.h"
@@ -16,38 +17,33 @@
 namespace {
 
 using namespace zel::util;
-using android::base::unique_fd;
 using zel_test::Line;
 
 TEST(SysUtilsTest, AffinityAndPriorityOfTheCallingThread) {
     if (std::thread::hardware_concurrency() < 2) GTEST_SKIP() << "needs two CPUs";
-    // Whether this process may raise priorities at all (root without CAP_SYS_NICE may not).
-    const bool nice = zel_test::RunInChild([] {
-                          return std::to_string(setpriority(PRIO_PROCESS, 0, -20));
-                      }) == "0";
-    const std::string result = zel_test::RunInChild([&] {
+    const std::string result = zel_test::RunInChild([] {
         zel::debug::DbgPrintManager::GetInstance()->set_mask(0x7);
+        // Whether priorities may be raised at all (root without CAP_SYS_NICE may not).
+        const bool nice = setpriority(PRIO_PROCESS, 0, -20) == 0;
         if (nice) setpriority(PRIO_PROCESS, 0, 0);
         zel_test::LogCapture log;
-        std::string out = std::to_string(gettid()) + " ";
-        for (unsigned long wanted : {0x1ul, 0x3ul}) {
-            unsigned long mask = 0;
-            out += std::to_string(sys_util_set_sched_affinity(wanted));
-            out += std::to_string(sys_util_get_sched_affinity(&mask));
-            out += std::to_string(mask);
-        }
-        out += std::to_string(sys_util_set_sched_affinity(0)) + " ";  // no CPU at all
-        // At -20 the kernel reports 40, not -20, so the priority is set again.
-        out += std::to_string(ofi_adjust_thread_priority_urgent());
-        out += std::to_string(getpriority(PRIO_PROCESS, 0));
-        out += std::to_string(ofi_adjust_thread_priority_urgent());
+        std::ostringstream out;  // operands are evaluated from left to right
+        out << nice << gettid() << " ";
+        unsigned long mask = 0;
+        for (unsigned long wanted : {0x1ul, 0x3ul})
+            out << sys_util_set_sched_affinity(wanted) << sys_util_get_sched_affinity(&mask)
+                << mask;
+        // No CPU at all. At -20 the kernel reports 40, not -20, so the priority is set again.
+        out << sys_util_set_sched_affinity(0) << " " << ofi_adjust_thread_priority_urgent()
+            << getpriority(PRIO_PROCESS, 0) << ofi_adjust_thread_priority_urgent();
         for (const std::string& message : log.messages())
-            if (message.find("sched_set") == std::string::npos) out += " | " + message;
-        return out;
+            if (message.find("sched_set") == std::string::npos) out << " | " << message;
+        return out.str();
     });
-    const std::string tid = result.substr(0, result.find(' '));
+    const bool nice = result[0] == '1';
+    const std::string tid = result.substr(1, result.find(' ') - 1);
     std::string expected =
-            tid + " 0010031 " +
+            result[0] + tid + " 0010031 " +
             (nice ? "0-200" : "1" + std::to_string(getpriority(PRIO_PROCESS, 0)) + "1");
     for (const char* mask : {"0x1", "0x3"})
         expected += " | " + Line("  sched_getaffinity(), tid(" + tid + "), cpusetsize(8), mask(" +
@@ -59,7 +55,7 @@ TEST(SysUtilsTest, AffinityAndPriorityOfTheCallingThread) {
 }
 
 TEST(SysUtilsTest, ProbesOfASharedBufferDescriptor) {
-    unique_fd fd(memfd_create("zel_sys_utils", 0));
+    android::base::unique_fd fd(memfd_create("zel_sys_utils", 0));
     ASSERT_EQ(0, ftruncate(fd.get(), 8192));
     ASSERT_EQ(1, pwrite(fd.get(), "Z", 1, 0));
     const char same[] = "Zdifferent tail";
@@ -78,7 +74,7 @@ TEST(SysUtilsTest, ProbesOfASharedBufferDescriptor) {
     EXPECT_EQ(8192u, get_size_from_fd(fd.get()));
     EXPECT_EQ(8192, lseek(fd.get(), 0, SEEK_CUR));
     EXPECT_EQ(0u, get_size_from_fd(-1));
-    char text[4][160];
+    char text[2][160];
     snprintf(text[0], 160, "* invalid parameters, fd:-1, size:8192, addr:%p\n", same);
     snprintf(text[1], 160, "* invalid fd, fail to mmap(), addr:%p, addr_tmp:%p offset(8193)\n",
              same, MAP_FAILED);
