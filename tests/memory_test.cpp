@@ -225,6 +225,21 @@ TEST_F(MemoryTest, BuffersWrapIn32BitsAndThePoolMatchesRecordsByValue) {
                      MsgLine("Failed to erase from buffer_map: " + lower->to_string())}),
               log.messages());
     EXPECT_EQ(1u, pool.buffer_map.size());
+    // More records alive at once than a thread keeps for reuse, released, then as many again:
+    // each shows its own buffer, and once released its own address.
+    for (int round = 0; round < 2; ++round) {
+        std::vector<Buffer::sptr> buffers;
+        std::vector<ZelBuffer*> views;
+        for (int i = 0; i < 20; ++i) {
+            buffers.push_back(importer.import(-1, 64, 32, 0, memory + i));
+            views.push_back(pool.add_buffer(buffers.back()).get());
+        }
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ(memory + i, views[i]->va);
+            pool.delete_buffer(buffers[i]);
+            EXPECT_EQ(views[i], views[i]->va);
+        }
+    }
 }
 
 TEST_F(MemoryTest, ManagerTurnsEveryFailureIntoItsResult) {
