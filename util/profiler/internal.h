@@ -142,10 +142,8 @@ struct RecordNodes {
 RecordNodes index_record_nodes(const ZelProfiler& p);
 
 // Timestamps of iterations [begin, end) into the tree, as fill_data_to_tree does for all: 0, or 1
-// after its error line. With `store` false nothing is written or logged: it only tells whether
-// the fill would succeed.
-ZelReturn fill_iterations(ZelProfiler& p, const RecordNodes& nodes, uint64_t begin, uint64_t end,
-                          bool store = true);
+// after its error line.
+ZelReturn fill_iterations(ZelProfiler& p, const RecordNodes& nodes, uint64_t begin, uint64_t end);
 
 // Durations and self times of iterations [begin, end) for the whole tree, node by node: what
 // calculate_self_time_nodes gives iteration by iteration, without its traces. Used when those

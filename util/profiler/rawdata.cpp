@@ -91,30 +91,25 @@ ZelReturn ZelProfiler::finalize() {
     ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  Grow tree Done\n");
     show_nodes(0, root);
     ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  Show tree Done\n");
+    // Every time is stored before any duration or self time is computed: a fill that fails
+    // leaves none behind.
+    if (fill_data_to_tree() != 0) {
+        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to fill_data_to_tree\n");
+        throw std::runtime_error("finalize fail\n");
+    }
+    ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  fill_data_to_tree Done\n");
     if (zel::debug::check_print_mask(zel::debug::ZONE_DBG, zel::debug::PRINT_TRACE)) {
-        // Traced: every iteration's times first, then every iteration's self times, so that the
-        // traces read in that order.
-        if (fill_data_to_tree() != 0) {
-            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to fill_data_to_tree\n");
-            throw std::runtime_error("finalize fail\n");
-        }
-        ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  fill_data_to_tree Done\n");
+        // Traced: iteration by iteration, so that the traces read in that order.
         calculate_self_time();
-        ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  calculate_self_time Done\n");
     } else {
-        // Same results with one pass over the raw data: every time is stored first (a fill
-        // that fails leaves no duration or self time behind), then the self times are computed a
-        // block of iterations at a time, so that a block's times stay in cache across the walk.
-        const profiler_internal::RecordNodes nodes = profiler_internal::index_record_nodes(*this);
-        if (profiler_internal::fill_iterations(*this, nodes, 0, num_iter) != 0) {
-            ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Fail to fill_data_to_tree\n");
-            throw std::runtime_error("finalize fail\n");
-        }
+        // Same results a block of iterations at a time: a block's times stay in cache across the
+        // walk of the tree, so the cost stays linear however long the profile.
         constexpr uint64_t kBlock = 2048;
         for (uint64_t begin = 0; begin < num_iter; begin += kBlock)
             profiler_internal::calculate_self_time_all(root.get(), begin,
                                                        std::min(num_iter, begin + kBlock));
     }
+    ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  calculate_self_time Done\n");
 
     finalized = true;
     ZEL_LOG(ZONE_INF, PRINT_ALWAYS,

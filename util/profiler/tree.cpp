@@ -155,9 +155,8 @@ void log_rawdata_too_small(const ZelProfiler& p) {
             p.name.c_str(), p.num_iter, p.num_label, p.rawdata_size);
 }
 
-ZelReturn fill_iterations(ZelProfiler& p, const RecordNodes& nodes, uint64_t begin, uint64_t end,
-                          bool store) {
-    const bool trace = store && trace_on(zel::debug::ZONE_DBG);
+ZelReturn fill_iterations(ZelProfiler& p, const RecordNodes& nodes, uint64_t begin, uint64_t end) {
+    const bool trace = trace_on(zel::debug::ZONE_DBG);
     const uint64_t num_label = p.num_label;
     const uint64_t held = records_held(p);
     for (uint64_t i = begin; i < end; ++i) {
@@ -167,14 +166,13 @@ ZelReturn fill_iterations(ZelProfiler& p, const RecordNodes& nodes, uint64_t beg
             if (trace)
                 ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  iter[%lu]*%lu  label[%lu]\n", i, num_label, r);
             if (i * num_label + r >= held) {
-                if (store) log_rawdata_too_small(p);
+                log_rawdata_too_small(p);
                 return 1;
             }
             const ZelProfileData& record = p.rawdata[static_cast<uint32_t>(i * num_label + r)];
             const bool is_start = record.type == START;
             ProfileNode* node = is_start ? nodes.starts[r] : nodes.ends[r];
             if (node == nullptr) {
-                if (!store) return 1;
                 if (is_start) {
                     ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
                             "* Fail to find start label. label_count[%lu]\n", r);
@@ -184,22 +182,19 @@ ZelReturn fill_iterations(ZelProfiler& p, const RecordNodes& nodes, uint64_t beg
                 }
                 return 1;
             }
-            if (store) {
-                (is_start ? node->start_time : node->end_time)[i] = record.timestamp;
-                if (trace && is_start) {
-                    ZEL_LOG(ZONE_DBG, PRINT_TRACE,
-                            "  Add START(%s) iter[%lu]*%lu  label_cnt[%lu] time(%lu)  ptr:%p\n",
-                            label_name(record.label), i, num_label, r, record.timestamp,
-                            static_cast<void*>(node));
-                } else if (trace) {
-                    ZEL_LOG(ZONE_DBG, PRINT_TRACE,
-                            "  Add END(%s) iter[%lu]*%lu  label_cnt[%lu] time(%lu)  ptr:%p\n",
-                            label_name(record.label), i, num_label, r, record.timestamp,
-                            static_cast<void*>(node));
-                }
+            (is_start ? node->start_time : node->end_time)[i] = record.timestamp;
+            if (trace && is_start) {
+                ZEL_LOG(ZONE_DBG, PRINT_TRACE,
+                        "  Add START(%s) iter[%lu]*%lu  label_cnt[%lu] time(%lu)  ptr:%p\n",
+                        label_name(record.label), i, num_label, r, record.timestamp,
+                        static_cast<void*>(node));
+            } else if (trace) {
+                ZEL_LOG(ZONE_DBG, PRINT_TRACE,
+                        "  Add END(%s) iter[%lu]*%lu  label_cnt[%lu] time(%lu)  ptr:%p\n",
+                        label_name(record.label), i, num_label, r, record.timestamp,
+                        static_cast<void*>(node));
             }
             if (record.timestamp < prev_time) {
-                if (!store) return 1;
                 ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
                         "* Wrong flow! timestamp(%s:%lu) is smaller than previous "
                         "timestamp(%s:%lu).  iter[%lu]\n",
