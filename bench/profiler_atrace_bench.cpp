@@ -67,8 +67,9 @@ BENCHMARK(BM_RecordPairTraceOff);
 }  // namespace
 
 int main(int argc, char** argv) {
-    return zel_bench::RunWithRatios(argc, argv,
-                                    {{"start+end, trace category off / built without the trace",
-                                      "BM_RecordPairTraceOff", "BM_RecordPairUntraced", 1.03}},
-                                    {"--benchmark_repetitions=9"});
+    return zel_bench::RunWithRatios(
+            argc, argv,
+            {{"start+end, trace category off / built without the trace", "BM_RecordPairTraceOff",
+              "BM_RecordPairUntraced", 1.03}},
+            {"--benchmark_repetitions=21", "--benchmark_enable_random_interleaving=true"});
 }
