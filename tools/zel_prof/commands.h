@@ -3,20 +3,38 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdint>
 #include <string>
 
 #include "zel_prof/rawdata_file.h"
 
 namespace zel_prof {
 
-// The raw-data file of a command that reads one, and the counts that override what its records
-// imply.
-inline void AddRawDataFileOptions(CLI::App* command, std::string& path, RawDataCounts& counts) {
-    command->add_option("file", path, "Raw-data file (profile_rawdata_<key>.bin)")->required();
-    command->add_option("--iterations,-n", counts.iterations,
+// What a command that reads one raw-data file takes: the file, the counts that override what its
+// records imply, the model id to use instead of the file name's, and whether the library's log
+// lines are shown.
+struct RawDataFileOptions {
+    std::string path;
+    RawDataCounts counts;
+    uint64_t key = 0;
+    bool key_given = false;
+    bool verbose = false;
+
+    const uint64_t* given_key() const { return key_given ? &key : nullptr; }
+};
+
+// Registers those options on `command`; `key_use` says what the model id is used for.
+inline void AddRawDataFileOptions(CLI::App* command, RawDataFileOptions& options,
+                                  const std::string& key_use) {
+    command->add_option("file", options.path, "Raw-data file (profile_rawdata_<key>.bin)")
+            ->required();
+    command->add_option("--iterations,-n", options.counts.iterations,
                         "Iterations in the file (derived from the records when not given)");
-    command->add_option("--labels,-l", counts.labels,
+    command->add_option("--labels,-l", options.counts.labels,
                         "Records per iteration (derived from the records when not given)");
+    command->add_option("--key,-k", options.key, key_use + " (default: from the file name)")
+            ->each([&options](const std::string&) { options.key_given = true; });
+    command->add_flag("--verbose,-v", options.verbose, "Show every library log line");
 }
 
 // `zel-prof config`: the print mask and zone table this process was configured with.

@@ -265,12 +265,8 @@ std::string Page(const std::string& source, uint64_t key, uint64_t records,
 }
 
 struct HtmlOptions {
-    std::string path;
+    RawDataFileOptions file;
     std::string output;
-    RawDataCounts counts;
-    uint64_t key = 0;
-    bool key_given = false;
-    bool verbose = false;
 };
 
 }  // namespace
@@ -299,20 +295,17 @@ void AddHtmlCommand(CLI::App& app) {
     static HtmlOptions options;
     CLI::App* command = app.add_subcommand(
             "html", "Write a raw-data file as one self-contained HTML page (charts, tree, table)");
-    AddRawDataFileOptions(command, options.path, options.counts);
+    AddRawDataFileOptions(command, options.file, "Model id shown");
     command->add_option("--output,-o", options.output, "HTML file to write")->required();
-    command->add_option("--key,-k", options.key, "Model id shown (default: from the file name)")
-            ->each([](const std::string&) { options.key_given = true; });
-    command->add_flag("--verbose,-v", options.verbose, "Show every library log line");
     command->callback([] {
-        InstallStdoutLogger(options.verbose);
+        InstallStdoutLogger(options.file.verbose);
         std::string error;
-        if (!WriteHtmlReport(options.path, options.counts,
-                             options.key_given ? &options.key : nullptr, options.output, &error)) {
+        if (!WriteHtmlReport(options.file.path, options.file.counts, options.file.given_key(),
+                             options.output, &error)) {
             fprintf(stderr, "html: %s\n", error.c_str());
             throw CLI::RuntimeError(1);
         }
-        printf("%s -> %s\n", options.path.c_str(), options.output.c_str());
+        printf("%s -> %s\n", options.file.path.c_str(), options.output.c_str());
     });
 }
 

@@ -16,11 +16,7 @@ namespace zel_prof {
 namespace {
 
 struct ReportOptions {
-    std::string path;
-    RawDataCounts counts;
-    uint64_t key = 0;
-    bool key_given = false;
-    bool verbose = false;
+    RawDataFileOptions file;
     std::string format = "text";
 };
 
@@ -89,17 +85,18 @@ int PrintMachineReport(const RawDataProfile& loaded, const std::string& format) 
 }
 
 int RunReport(const ReportOptions& options) {
-    InstallStdoutLogger(options.verbose);
+    InstallStdoutLogger(options.file.verbose);
     std::string error;
-    const RawDataProfile loaded = LoadRawDataProfile(
-            options.path, options.counts, options.key_given ? &options.key : nullptr, &error);
+    const RawDataProfile loaded = LoadRawDataProfile(options.file.path, options.file.counts,
+                                                     options.file.given_key(), &error);
     if (loaded.profiler == nullptr) {
         fprintf(stderr, "report: %s\n", error.c_str());
         return 1;
     }
     if (options.format != "text") return PrintMachineReport(loaded, options.format);
-    printf("%s: %zu bytes, %llu iterations x %llu records, modelId 0x%llx\n", options.path.c_str(),
-           loaded.bytes, static_cast<unsigned long long>(loaded.counts.iterations),
+    printf("%s: %zu bytes, %llu iterations x %llu records, modelId 0x%llx\n",
+           options.file.path.c_str(), loaded.bytes,
+           static_cast<unsigned long long>(loaded.counts.iterations),
            static_cast<unsigned long long>(loaded.counts.labels),
            static_cast<unsigned long long>(loaded.key));
     try {
@@ -120,16 +117,11 @@ void AddReportCommand(CLI::App& app) {
     static ReportOptions options;
     CLI::App* command = app.add_subcommand(
             "report", "Print the summary and multi-record reports of a raw-data file");
-    AddRawDataFileOptions(command, options.path, options.counts);
-    command->add_option("--key,-k", options.key,
-                        "Model id printed in the report (default: "
-                        "from the file name)")
-            ->each([](const std::string&) { options.key_given = true; });
+    AddRawDataFileOptions(command, options.file, "Model id printed in the report");
     command->add_option("--format,-f", options.format,
                         "text: the library's reports; csv or json: per-stage figures")
             ->check(CLI::IsMember({"text", "csv", "json"}))
             ->capture_default_str();
-    command->add_flag("--verbose,-v", options.verbose, "Show every library log line");
     command->callback([] {
         const int status = RunReport(options);
         if (status != 0) throw CLI::RuntimeError(status);

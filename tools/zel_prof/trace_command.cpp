@@ -13,19 +13,15 @@ namespace zel_prof {
 namespace {
 
 struct TraceOptions {
-    std::string path;
+    RawDataFileOptions file;
     std::string output;
-    RawDataCounts counts;
-    uint64_t key = 0;
-    bool key_given = false;
-    bool verbose = false;
 };
 
 int RunTrace(const TraceOptions& options) {
-    InstallStdoutLogger(options.verbose);
+    InstallStdoutLogger(options.file.verbose);
     std::string error;
-    const RawDataProfile loaded = LoadRawDataProfile(
-            options.path, options.counts, options.key_given ? &options.key : nullptr, &error);
+    const RawDataProfile loaded = LoadRawDataProfile(options.file.path, options.file.counts,
+                                                     options.file.given_key(), &error);
     if (loaded.profiler == nullptr) {
         fprintf(stderr, "trace: %s\n", error.c_str());
         return 1;
@@ -34,7 +30,7 @@ int RunTrace(const TraceOptions& options) {
         fprintf(stderr, "trace: cannot write %s\n", options.output.c_str());
         return 1;
     }
-    printf("%s: %llu iterations x %llu records, modelId 0x%llx -> %s\n", options.path.c_str(),
+    printf("%s: %llu iterations x %llu records, modelId 0x%llx -> %s\n", options.file.path.c_str(),
            static_cast<unsigned long long>(loaded.counts.iterations),
            static_cast<unsigned long long>(loaded.counts.labels),
            static_cast<unsigned long long>(loaded.key), options.output.c_str());
@@ -48,12 +44,8 @@ void AddTraceCommand(CLI::App& app) {
     static TraceOptions options;
     CLI::App* command = app.add_subcommand(
             "trace", "Write a raw-data file as a timeline (Trace Event Format JSON)");
-    AddRawDataFileOptions(command, options.path, options.counts);
+    AddRawDataFileOptions(command, options.file, "Model id of the trace's process");
     command->add_option("--output,-o", options.output, "Trace file to write (JSON)")->required();
-    command->add_option("--key,-k", options.key,
-                        "Model id of the trace's process (default: from the file name)")
-            ->each([](const std::string&) { options.key_given = true; });
-    command->add_flag("--verbose,-v", options.verbose, "Show every library log line");
     command->callback([] {
         const int status = RunTrace(options);
         if (status != 0) throw CLI::RuntimeError(status);
