@@ -164,14 +164,20 @@ void BM_KthSelection(benchmark::State& state) {
 }
 BENCHMARK(BM_KthSelection)->Unit(benchmark::kMillisecond);
 
+// What any selection that answers with indices starts from: (value, index) pairs.
+std::vector<std::pair<uint64_t, int>> IndexedPairs(const std::vector<uint64_t>& values) {
+    std::vector<std::pair<uint64_t, int>> pairs(values.size());
+    for (size_t i = 0; i < values.size(); ++i)
+        pairs[i] = {values[i], static_cast<int>(i)};
+    return pairs;
+}
+
 // The same answers with std::nth_element: a copy of (value, index) pairs, then each rank selected
 // in what is left after the previous one.
 void BM_NthElement(benchmark::State& state) {
     const std::vector<uint64_t>& values = Series();
     for (auto _ : state) {
-        std::vector<std::pair<uint64_t, int>> pairs(values.size());
-        for (size_t i = 0; i < values.size(); ++i)
-            pairs[i] = {values[i], static_cast<int>(i)};
+        std::vector<std::pair<uint64_t, int>> pairs = IndexedPairs(values);
         std::vector<int> indices;
         auto from = pairs.begin();
         for (int rank : kRanks) {
@@ -189,9 +195,7 @@ BENCHMARK(BM_NthElement)->Unit(benchmark::kMillisecond);
 void BM_NthElementOneRank(benchmark::State& state) {
     const std::vector<uint64_t>& values = Series();
     for (auto _ : state) {
-        std::vector<std::pair<uint64_t, int>> pairs(values.size());
-        for (size_t i = 0; i < values.size(); ++i)
-            pairs[i] = {values[i], static_cast<int>(i)};
+        std::vector<std::pair<uint64_t, int>> pairs = IndexedPairs(values);
         std::nth_element(pairs.begin(), pairs.begin() + kRanks[3], pairs.end());
         benchmark::DoNotOptimize(pairs[kRanks[3]].second);
     }
