@@ -1,6 +1,5 @@
 // Timeline export: one event per stage and iteration, a track per side, overlaps on further ones.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -130,22 +129,3 @@ TEST_F(ProfilerTraceTest, RefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles
           "* Trace: profile tree does not match its raw data. num_iter(2) num_label(12)\n"})
         EXPECT_TRUE(log.contains(Line(line))) << line;
 }
-
-#ifdef ZEL_PROF_COMMAND
-TEST_F(ProfilerTraceTest, ZelProfWritesTheTraceOfARawDataFile) {
-    const std::string raw = testing::TempDir() + "profile_rawdata_66.bin";
-    const std::string out =
-            testing::TempDir() + "zel_prof_trace_" + std::to_string(getpid()) + ".json";
-    auto p = Stages({1000, 2000, 3000});
-    std::ofstream(raw).write(reinterpret_cast<const char*>(p->rawdata), p->rawdata_size);
-    const std::string command = std::string(ZEL_PROF_COMMAND) + " trace " + raw + " -o " + out;
-    const int status = system((command + " >/dev/null 2>&1").c_str());
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    const Events events = Parse(Read(out));
-    EXPECT_EQ(events.size(), 18u);
-    EXPECT_EQ(events.at({"SERVICE", 2})["pid"], 66);  // the key of the file name
-    EXPECT_EQ(events.at({"SERVICE", 2})["ts"], 3012);
-    remove(raw.c_str());
-    remove(out.c_str());
-}
-#endif

@@ -3,13 +3,19 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <regex>
 #include <string>
 #include <vector>
 
 namespace {
+
+using json = nlohmann::json;
 
 struct ToolRun {
     int status;
@@ -71,7 +77,38 @@ TEST(ZelProfTest, DemoReportsTheMergedProfileAndTheReportReadsItBack) {
     ASSERT_EQ(0, given.status) << given.out;
     EXPECT_NE(std::string::npos, given.out.find("Result: modelId(0x0000000000000009)"));
     EXPECT_EQ(Summary(demo.out), Summary(given.out));
+
+    // The device stages came through the driver's buffers: at least as long as the driver ran the
+    // hardware (30 + 20 x op us), and every self time is the stage's time less its children's.
+    const json stages = json::parse(ZelProf("report -f json " + written[1].str()).out)["stages"];
+    std::map<std::string, double> children;
+    for (const json& stage : stages) {
+        const std::string path = stage["path"];
+        if (stage["depth"] > 0)
+            children[path.substr(0, path.rfind('/'))] += stage["time"]["avg"].get<double>();
+    }
+    for (const json& stage : stages) {
+        const std::string path = stage["path"];
+        if (stage["depth"] > 0)
+            EXPECT_NEAR(stage["time"]["avg"].get<double>() - children[path],
+                        stage["self"]["avg"].get<double>(), 1e-6)
+                    << path;
+    }
+    const std::string hw =
+            "TOTAL/API/CLIENT/SERVICE/ENGINE/NPU_UD/DD_0x2/DD_ROOT_0x2/FW_0x2/HW_0x2";
+    for (const json& stage : stages)
+        EXPECT_TRUE(stage["path"] != hw || stage["time"]["min"] >= 70) << stage;
+
+    // Its timeline: one event a stage and iteration, on the process of the file name's key.
+    const std::string trace = testing::TempDir() + "zel_prof_trace.json";
+    ASSERT_EQ(0, ZelProf("trace " + written[1].str() + " -o " + trace).status);
+    std::ifstream file(trace);
+    const json events = json::parse(file)["traceEvents"];
+    EXPECT_EQ(30 * (stages.size() - 1),  // the root has no event of its own
+              std::count_if(events.begin(), events.end(),
+                            [](const json& e) { return e["ph"] == "X" && e["pid"] == 31; }));
     remove(written[1].str().c_str());
+    remove(trace.c_str());
 }
 
 TEST(ZelProfTest, DemoWithoutTheServiceLetsEachSideReport) {
