@@ -1,10 +1,8 @@
-// The statistics behind `zel-prof diff`: the Mann-Whitney U test against reference figures, its
-// error rate on samples of one distribution and its power on a 10 % shift, and the ranks of the
-// medians it prints.
+// The statistics behind `zel-prof diff`: the Mann-Whitney U test against reference figures, and
+// the ranks of the medians it prints. (Its power on a 10 % shift shows in ZelProfTest's diff.)
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <random>
 #include <vector>
 
 #include "../tools/zel_prof/mann_whitney.h"
@@ -48,31 +46,6 @@ TEST(ZelProfStatsTest, MatchesReferenceFigures) {
     }
     EXPECT_NEAR(0.08585487995041037, MannWhitneyU(x, y).p, 1e-12);
     EXPECT_DOUBLE_EQ(136.0, MannWhitneyU(x, y).u);
-}
-
-// Stage times as a phone shows them: whole microseconds around a level, a long right tail.
-std::vector<uint64_t> StageTimes(std::mt19937_64& rng, double level, size_t n) {
-    std::lognormal_distribution<double> spread(0.0, 0.08);
-    std::vector<uint64_t> times;
-    for (size_t i = 0; i < n; ++i)
-        times.push_back(static_cast<uint64_t>(level * spread(rng)));
-    return times;
-}
-
-TEST(ZelProfStatsTest, FlagsAtTheRateAlphaPromisesAndFindsATenPercentShift) {
-    constexpr int kSeeds = 200;
-    int false_alarms = 0;
-    int found = 0;
-    for (int seed = 0; seed < kSeeds; ++seed) {
-        std::mt19937_64 rng(seed);
-        const std::vector<uint64_t> base = StageTimes(rng, 500, 200);
-        if (MannWhitneyU(base, StageTimes(rng, 500, 200)).p < 0.05) ++false_alarms;
-        if (MannWhitneyU(base, StageTimes(rng, 550, 200)).p < 0.05) ++found;
-    }
-    // Binomial(200, 0.05): mean 10, standard deviation 3.1; 20 lies beyond three of them.
-    EXPECT_LE(false_alarms, 20);
-    EXPECT_GE(false_alarms, 2);  // a test that never fires would pass the bound above
-    EXPECT_EQ(kSeeds, found);
 }
 
 TEST(ZelProfStatsTest, MedianAndPercentileUseTheReportsRanks) {

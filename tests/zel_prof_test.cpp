@@ -189,24 +189,17 @@ TEST(ZelProfTest, MachineReportsCarryTheTextSummarysFigures) {
     const ToolRun csv = ZelProf("report --format csv " + path);
     const ToolRun json = ZelProf("report -f json " + path);
     ASSERT_EQ(0, text.status + csv.status + json.status) << text.out << csv.out << json.out;
-    // "avg median 90% label" per line of the text summary, against the CSV's first columns.
-    std::smatch line;
-    std::string summary = Summary(text.out);
-    std::vector<std::string> from_text;
-    while (std::regex_search(summary, line,
-                             std::regex("\\* +([0-9.]+) +([0-9]+) +([0-9]+) +_*(\\S+)\\n"))) {
-        from_text.push_back(line[4].str() + "," + line[1].str() + "," + line[2].str() + "," +
-                            line[3].str());
-        summary = line.suffix();
-    }
-    std::vector<std::string> from_csv;
-    std::string rows = csv.out.substr(csv.out.find('\n') + 1);
-    while (std::regex_search(rows, line,
-                             std::regex("(?:[^,/\\n]*/)*([^,/]+),20,([^,]+,[^,]+,[^,]+),"))) {
-        from_csv.push_back(line[1].str() + "," + line[2].str());
-        rows = line.suffix();
-    }
-    EXPECT_EQ(5u, from_text.size()) << text.out;
+    // "label,avg,median,90%" of each row of the text summary and of the CSV.
+    std::string from_text, from_csv;
+    const std::string summary = Summary(text.out);
+    const std::regex text_row("\\* +([0-9.]+) +([0-9]+) +([0-9]+) +_*(\\S+)\\n");
+    for (std::sregex_iterator m(summary.begin(), summary.end(), text_row), end; m != end; ++m)
+        from_text += (*m)[4].str() + "," + (*m)[1].str() + "," + (*m)[2].str() + "," +
+                     (*m)[3].str() + " ";
+    const std::regex csv_row("\n(?:[^,/\\n]*/)*([^,/]+),20,([^,]+,[^,]+,[^,]+),");
+    for (std::sregex_iterator m(csv.out.begin(), csv.out.end(), csv_row), end; m != end; ++m)
+        from_csv += (*m)[1].str() + "," + (*m)[2].str() + " ";
+    EXPECT_EQ(5, std::count(from_text.begin(), from_text.end(), ' ')) << text.out;
     EXPECT_EQ(from_text, from_csv) << csv.out;
     EXPECT_EQ(0u, csv.out.find("path,iterations,avg,median,90%,min,max,time_avg,"));
     for (const char* text :
