@@ -58,21 +58,20 @@ TEST(SysUtilsTest, ProbesOfASharedBufferDescriptor) {
     android::base::unique_fd fd(memfd_create("zel_sys_utils", 0));
     ASSERT_EQ(0, ftruncate(fd.get(), 8192));
     ASSERT_EQ(1, pwrite(fd.get(), "Z", 1, 0));
-    const char same[] = "Zdifferent tail";
-    const std::string n = std::to_string(fd.get());
+    const char same[] = "Zdifferent tail";                    // only the first byte is compared
     zel::debug::DbgPrintManager::GetInstance()->set_mask(0);  // these lines always print
     zel_test::LogCapture log;
-    EXPECT_TRUE(is_valid_ion_buffer(fd.get(), 8192, same, 0));  // only the first byte counts
-    EXPECT_TRUE(is_valid_ion_buffer(fd.get(), 4096, "\0", 4096));
-    EXPECT_FALSE(is_valid_ion_buffer(fd.get(), 8192, "a", 0));
-    EXPECT_FALSE(is_valid_ion_buffer(-1, 8192, same, 0));
-    EXPECT_FALSE(is_valid_ion_buffer(fd.get(), 4096, same, 8193));  // the mapping itself fails
-    EXPECT_FALSE(is_valid_ion_buffer(fd.get(), 4096, same, 8192));  // no page behind it
-    EXPECT_FALSE(validate_buffer(fd.get(), 8192));
-    EXPECT_TRUE(validate_buffer(fd.get(), 0));
-    EXPECT_TRUE(validate_buffer(-3, 16));
-    EXPECT_EQ(8192u, get_size_from_fd(fd.get()));
-    EXPECT_EQ(8192, lseek(fd.get(), 0, SEEK_CUR));
+    const int f = fd.get();
+    EXPECT_EQ(
+            (std::vector<bool>{1, 1, 0, 0, 0, 0, 0, 1, 1}),
+            (std::vector<bool>{
+                    is_valid_ion_buffer(f, 8192, same, 0), is_valid_ion_buffer(f, 4096, "\0", 4096),
+                    is_valid_ion_buffer(f, 8192, "a", 0), is_valid_ion_buffer(-1, 8192, same, 0),
+                    is_valid_ion_buffer(f, 4096, same, 8193),
+                    is_valid_ion_buffer(f, 4096, same, 8192), validate_buffer(f, 8192),
+                    validate_buffer(f, 0), validate_buffer(-3, 16)}));
+    EXPECT_EQ(8192u, get_size_from_fd(f));
+    EXPECT_EQ(8192, lseek(f, 0, SEEK_CUR));
     EXPECT_EQ(0u, get_size_from_fd(-1));
     char text[2][160];
     snprintf(text[0], 160, "* invalid parameters, fd:-1, size:8192, addr:%p\n", same);
@@ -81,7 +80,7 @@ TEST(SysUtilsTest, ProbesOfASharedBufferDescriptor) {
     EXPECT_EQ((std::vector<std::string>{
                       Line("* invalid fd, fail to memcmp() ret:-7\n"), Line(text[0]), Line(text[1]),
                       Line("* invalid fd, offset(8192) is not below its size(8192)\n"),
-                      Line("* validate(), fd(" + n + "), size(0)\n"),
+                      Line("* validate(), fd(" + std::to_string(f) + "), size(0)\n"),
                       Line("* validate(), invalid fd(-3)\n"),
                       Line("* get_size_from_fd(), invalid fd(-1)\n")}),
               log.messages());
