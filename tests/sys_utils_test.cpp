@@ -7,12 +7,12 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <sstream>
 #include <thread>
 
 #include "support/child_process.h"
 #include "support/log_capture.h"
+#include "support/proc_stats.h"
 
 namespace {
 
@@ -23,8 +23,7 @@ TEST(SysUtilsTest, AffinityAndPriorityOfTheCallingThread) {
     if (std::thread::hardware_concurrency() < 2) GTEST_SKIP() << "needs two CPUs";
     const std::string result = zel_test::RunInChild([] {
         zel::debug::DbgPrintManager::GetInstance()->set_mask(0x7);
-        // Whether priorities may be raised at all (root without CAP_SYS_NICE may not).
-        const bool nice = setpriority(PRIO_PROCESS, 0, -20) == 0;
+        const bool nice = setpriority(PRIO_PROCESS, 0, -20) == 0;  // not without CAP_SYS_NICE
         if (nice) setpriority(PRIO_PROCESS, 0, 0);
         zel_test::LogCapture log;
         std::ostringstream out;  // operands are evaluated from left to right
@@ -61,7 +60,7 @@ TEST(SysUtilsTest, ProbesOfASharedBufferDescriptor) {
     const char same[] = "Zdifferent tail";                    // only the first byte is compared
     zel::debug::DbgPrintManager::GetInstance()->set_mask(0);  // these lines always print
     zel_test::LogCapture log;
-    const int f = fd.get();
+    const int f = fd.get(), mappings = zel_test::CountMemfdMappings();
     EXPECT_EQ(
             (std::vector<bool>{1, 1, 0, 0, 0, 0, 0, 1, 1}),
             (std::vector<bool>{
@@ -84,10 +83,7 @@ TEST(SysUtilsTest, ProbesOfASharedBufferDescriptor) {
                       Line("* validate(), invalid fd(-3)\n"),
                       Line("* get_size_from_fd(), invalid fd(-1)\n")}),
               log.messages());
-    // Mappings of these memfds left in place.
-    std::ifstream maps("/proc/self/maps");
-    for (std::string line; std::getline(maps, line);)
-        EXPECT_EQ(std::string::npos, line.find("memfd:zel_sys_utils")) << line;
+    EXPECT_EQ(mappings, zel_test::CountMemfdMappings());  // every probe unmaps what it mapped
 }
 
 }  // namespace

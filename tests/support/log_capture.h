@@ -21,9 +21,9 @@ class LogCapture {
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
     std::vector<LogLine> lines() const;
-    std::vector<std::string> messages() const;        // the texts, in order
-    bool contains(const std::string& message) const;  // some line is exactly `message`
-    size_t count(const std::string& message) const;   // lines that are exactly `message`
+    std::vector<std::string> messages() const;  // the texts, in order
+    bool contains(const std::string& message) const { return count(message) > 0; }
+    size_t count(const std::string& message) const;  // lines that are exactly `message`
     void clear();
 };
 
