@@ -31,9 +31,8 @@ std::string ConfigFor(const char* level, const char* property, bool toggle = fal
     });
 }
 
-// A level in the table wins over the property; one outside it keeps the default; the level is
-// truncated to 32 bits (2^32 + 4 is 4). "0", no number or no variable: the property is the mask,
-// bit for bit, when it is a whole non-negative number.
+// A level in the table wins over the property, one outside it keeps the default (levels are cut to
+// 32 bits). "0", no number or no level: the property is the mask if whole and non-negative.
 TEST(DebugConfigTest, LevelFromEnvironmentElsePropertyAsMask) {
     const char* cases[][3] = {
             {"-", "-", "0x3"},     {"1", "0xff", "0x1"},       {"3", "-", "0x7"},

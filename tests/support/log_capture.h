@@ -8,8 +8,7 @@ namespace zel_test {
 
 struct LogLine {
     int priority;
-    std::string tag;
-    std::string message;
+    std::string tag, message;
 };
 
 // While alive, every log line of the process, of every priority, is recorded instead of printed.
