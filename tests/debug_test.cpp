@@ -61,14 +61,13 @@ TEST_F(DebugTest, PrintLogWritesOneLinePerCallWithPrefixAndTag) {
     EXPECT_EQ(Line(std::string(1012, 'f') + "A|"), lines[9].message);
 }
 
-// A filtered message evaluates none of its arguments. A stream message prints the text gathered so
-// far at each std::endl and keeps it.
+// A filtered message evaluates none of its arguments (the values printed count the evaluations). A
+// stream message prints the text gathered so far at each std::endl and keeps it.
 TEST_F(DebugTest, MacrosAndStreamMessages) {
     int evaluations = 0;
     ZEL_LOG(ZONE_DBG, PRINT_TRACE, "  value(%d)\n", ++evaluations);
     ZEL_MSG(ZONE_MEM) << "value " << ++evaluations << std::endl;
     ZelMsgHandler("fn", 8, ZONE_INF) << "not shown" << std::endl;
-    EXPECT_EQ(0, evaluations);
     ZEL_LOG(ZONE_DBG, PRINT_ALWAYS, "  value(%d)\n", ++evaluations);
     ZEL_LOG(ZONE_WAR, PRINT_IF_ON, "  value(%d)\n", ++evaluations);
     zel_set_debug_zone(ZONE_MEM);

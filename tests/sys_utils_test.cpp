@@ -55,8 +55,7 @@ TEST(SysUtilsTest, AffinityAndPriorityOfTheCallingThread) {
 
 TEST(SysUtilsTest, ProbesOfASharedBufferDescriptor) {
     android::base::unique_fd fd(memfd_create("zel_sys_utils", 0));
-    ASSERT_EQ(0, ftruncate(fd.get(), 8192));
-    ASSERT_EQ(1, pwrite(fd.get(), "Z", 1, 0));
+    ASSERT_EQ(1, ftruncate(fd.get(), 8192) + pwrite(fd.get(), "Z", 1, 0));
     const char same[] = "Zdifferent tail";                    // only the first byte is compared
     zel::debug::DbgPrintManager::GetInstance()->set_mask(0);  // these lines always print
     zel_test::LogCapture log;
