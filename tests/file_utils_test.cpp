@@ -151,7 +151,6 @@ TEST_F(FileUtilsTest, SplitReads) {
     char* window = base + 777;
     FileBufferReader reader(path);
     SetMask(0x7);
-    log.clear();
     ASSERT_EQ(0, reader.copy_buffer(window, size, 5));
     EXPECT_TRUE(std::string(777, 0x5A) + data.substr(5) + std::string(mapped - 777 - size, 0x5A) ==
                 std::string(base, mapped));

@@ -36,20 +36,19 @@ TEST(SysUtilsTest, AffinityAndPriorityOfTheCallingThread) {
         out << sys_util_set_sched_affinity(0) << " " << ofi_adjust_thread_priority_urgent()
             << getpriority(PRIO_PROCESS, 0) << ofi_adjust_thread_priority_urgent();
         for (const std::string& message : log.messages())
-            if (message.find("sched_set") == std::string::npos) out << " | " << message;
+            if (message.find("sched_set") == std::string::npos) out << "|" << message;
         return out.str();
     });
-    const bool nice = result[0] == '1';
+    const bool nice = result[0] == '1';  // priorities could be raised
     const std::string tid = result.substr(1, result.find(' ') - 1);
     std::string expected =
             result[0] + tid + " 0010031 " +
             (nice ? "0-200" : "1" + std::to_string(getpriority(PRIO_PROCESS, 0)) + "1");
     for (const char* mask : {"0x1", "0x3"})
-        expected += " | " + Line("  sched_getaffinity(), tid(" + tid + "), cpusetsize(8), mask(" +
-                                 mask + "), ret(8)\n");
+        expected += "|" + Line("  sched_getaffinity(), tid(" + tid + "), cpusetsize(8), mask(" +
+                               mask + "), ret(8)\n");
     if (nice)
-        expected +=
-                " | " + Line("* Priority set to 0x14\n") + " | " + Line("* Priority set to 0x28\n");
+        expected += "|" + Line("* Priority set to 0x14\n") + "|" + Line("* Priority set to 0x28\n");
     EXPECT_EQ(expected, result);
 }
 
