@@ -30,9 +30,9 @@ TEST_F(DebugTest, ZoneOperationsAndTheMaskTestWorkIn32Bits) {
     EXPECT_EQ(0, zel_clr_debug_zone(Zone(21)) + zel_clr_debug_zone(ZONE_ERR));
     EXPECT_EQ(0xEu, DbgPrintManager::GetInstance()->get_print_mask());
     // Zone numbers wrap at 32 (zone 33 tests bit 1), and bit 32 is never tested.
-    EXPECT_EQ(3, check_print_mask(Zone(63), PRINT_ALWAYS) +
-                         check_print_mask(Zone(33), PRINT_IF_ON) +
-                         check_print_mask(ZONE_WAR, PRINT_TRACE));
+    EXPECT_TRUE(check_print_mask(Zone(63), PRINT_ALWAYS));
+    EXPECT_TRUE(check_print_mask(Zone(33), PRINT_IF_ON));
+    EXPECT_TRUE(check_print_mask(ZONE_WAR, PRINT_TRACE));
     EXPECT_FALSE(check_print_mask(ZONE_ERR, PRINT_IF_ON));
     Set(1ULL << 32);
     EXPECT_FALSE(check_print_mask(Zone(32), PRINT_IF_ON));
