@@ -12,8 +12,7 @@ namespace {
 using namespace zel::debug;
 
 // "<mask> <dump flag>" of a process with this level and property ("-": not set); with `toggle`,
-// then the flag after set_dump_available() with the dump zone turned on, and again with it turned
-// off.
+// then the flag after set_dump_available() with the dump zone turned on, then off.
 std::string ConfigFor(const char* level, const char* property, bool toggle = false) {
     return zel_test::RunInChild([=] {
         level[0] != '-' ? setenv("VRT_LOG_LEVEL", level, 1) : unsetenv("VRT_LOG_LEVEL");
@@ -32,22 +31,16 @@ std::string ConfigFor(const char* level, const char* property, bool toggle = fal
     });
 }
 
+// A level in the table wins over the property, one outside it keeps the default (levels are cut to
+// 32 bits). "0", no number or no level: the property is the mask if whole and non-negative.
 TEST(DebugConfigTest, LevelFromEnvironmentElsePropertyAsMask) {
-    // A level in the table wins over the property; one outside it keeps the default; the level is
-    // truncated to 32 bits (2^32 + 4 is 4). "0", no number or no variable: the property is the
-    // mask, bit for bit, when it is a whole non-negative number.
-    EXPECT_EQ("0x3 0", ConfigFor("-", "-"));
-    EXPECT_EQ("0x1 0", ConfigFor("1", "0xff"));
-    EXPECT_EQ("0x7 0", ConfigFor("3", "-"));
-    EXPECT_EQ("0xf 0", ConfigFor("4", "-"));
-    EXPECT_EQ("0xff 0", ConfigFor("5", "-"));
-    EXPECT_EQ("0x3 0", ConfigFor("9", "0xff"));
-    EXPECT_EQ("0xf 0", ConfigFor("4294967300", "-"));
-    EXPECT_EQ("0xff 0", ConfigFor("0", "0xff"));
-    EXPECT_EQ("0xff 0", ConfigFor("abc", "255"));
-    EXPECT_EQ("0x0 0", ConfigFor("-", "0"));
-    EXPECT_EQ("0x3 0", ConfigFor("-", "-1"));
-    EXPECT_EQ("0x3 0", ConfigFor("-", "0x1f junk"));
+    const char* cases[][3] = {
+            {"-", "-", "0x3"},     {"1", "0xff", "0x1"},       {"3", "-", "0x7"},
+            {"4", "-", "0xf"},     {"5", "-", "0xff"},         {"9", "0xff", "0x3"},
+            {"0", "0xff", "0xff"}, {"4294967300", "-", "0xf"}, {"abc", "255", "0xff"},
+            {"-", "0", "0x0"},     {"-", "-1", "0x3"},         {"-", "0x1f junk", "0x3"}};
+    for (const auto& [level, property, mask] : cases)
+        EXPECT_EQ(std::string(mask) + " 0", ConfigFor(level, property)) << level << property;
     EXPECT_EQ("0x7fff00000000000f 0", ConfigFor("-", "0x7fff00000000000f"));
 }
 

@@ -23,8 +23,6 @@ std::tuple<int, Ints, Lines> Select(std::vector<uint64_t> values, const Ints& ra
 }
 
 TEST(KthSelectionTest, RanksCountFromTheSmallestWithTiesByIndex) {
-    EXPECT_EQ((Ints{-7, 1, 2, 0}), std::get<1>(Select({30, 10, 20}, {0, 1, 2}, false)));
-    EXPECT_EQ((Ints{-7, 1}), std::get<1>(Select({5, 5, 5}, {1}, true)));
     EXPECT_EQ((Ints{-7, 0}), std::get<1>(Select({~0ull, 1, 1ull << 63}, {2}, false)));
     std::mt19937_64 rng(7);  // against a sort of the pairs, ranks spread and clustered, many ties
     for (int round = 0; round < 40; ++round) {
@@ -45,7 +43,7 @@ TEST(KthSelectionTest, RanksCountFromTheSmallestWithTiesByIndex) {
 }
 
 TEST(KthSelectionTest, WalkStopsAfterTheLastRankAndRefusesRanksOutOfOrderOrOutside) {
-    const std::vector<uint64_t> values = {40, 10, 30, 20, 50};
+    std::vector<uint64_t> values = {40, 10, 30, 20, 50};
     Lines walk = {Line("  [0] time(10)\n"), Line("  [1] time(20)\n"),
                   Line("  \tFound! -->[1]=3 time(20)\n")};
     EXPECT_EQ(walk, std::get<2>(Select(values, {1, 1}, true)));  // a repeat costs no step
@@ -59,24 +57,22 @@ TEST(KthSelectionTest, WalkStopsAfterTheLastRankAndRefusesRanksOutOfOrderOrOutsi
             {{3, 3, 1}, 1, {-7, 0}, U + "4,3\n"}, {{-1, 2, 0}, 1, {-7}, U + "3,-1\n"},
             {{}, 1, {-7}, "* no k value to find\n"}};
     // clang-format on
-    for (const auto& [ranks, result, indices, error] : cases) {
+    for (const auto& [ranks, result, indices, error] : cases)
         for (bool traced : {true, false}) {  // traced, only the walk's last line is checked
             const auto [got, found, log] = Select(values, ranks, traced);
             const std::string last = log.empty() ? "" : log.back();
             const std::string want = !error.empty() ? Line(error) : traced ? last : "";
             EXPECT_EQ(std::make_tuple(result, indices, want), std::make_tuple(got, found, last));
         }
-    }
     EXPECT_EQ(std::make_tuple(1, Ints{-7}, Lines{Line("* no value to select from\n")}),
               Select({}, {0}, false));
-    std::vector<uint64_t> three = {3, 1, 2};
     int index = 42;
     zel_test::LogCapture log;
-    EXPECT_EQ(2, zel::util::algo::find_kth_biggest_index_in_vector(three, -1, index) +
-                         zel::util::algo::find_kth_biggest_index_in_vector(three, 3, index));
+    EXPECT_EQ(2, zel::util::algo::find_kth_biggest_index_in_vector(values, -1, index) +
+                         zel::util::algo::find_kth_biggest_index_in_vector(values, 5, index));
     EXPECT_EQ(42, index);
-    EXPECT_EQ(3u, log.messages().size());  // the k=3 one after the range refusal
-    EXPECT_EQ(Line("* Fail to find biggest index for k=3\n"), log.messages().back());
+    EXPECT_EQ(3u, log.messages().size());  // the k=5 one after the range refusal
+    EXPECT_EQ(Line("* Fail to find biggest index for k=5\n"), log.messages().back());
 }
 
 }  // namespace

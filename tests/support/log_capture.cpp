@@ -21,9 +21,8 @@ LogCapture::LogCapture() {
     __android_log_set_logger(
             [](const __android_log_message* m) { Record(m->priority, m->tag, m->message); });
 #else
-    __android_log_set_logger([](const __android_logger_data* data, const char* message) {
-        Record(data->priority, data->tag, message);
-    });
+    __android_log_set_logger(
+            [](const __android_logger_data* d, const char* m) { Record(d->priority, d->tag, m); });
 #endif
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
 }
@@ -34,7 +33,6 @@ LogCapture::~LogCapture() {
 #else
     __android_log_set_logger(__android_log_stderr_logger);
 #endif
-    clear();
 }
 
 std::vector<LogLine> LogCapture::lines() const {
@@ -47,10 +45,6 @@ std::vector<std::string> LogCapture::messages() const {
     for (const LogLine& line : lines())
         out.push_back(line.message);
     return out;
-}
-
-bool LogCapture::contains(const std::string& message) const {
-    return count(message) > 0;
 }
 
 size_t LogCapture::count(const std::string& message) const {

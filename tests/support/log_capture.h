@@ -8,8 +8,7 @@ namespace zel_test {
 
 struct LogLine {
     int priority;
-    std::string tag;
-    std::string message;
+    std::string tag, message;
 };
 
 // While alive, every log line of the process, of every priority, is recorded instead of printed.
@@ -21,9 +20,9 @@ class LogCapture {
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
     std::vector<LogLine> lines() const;
-    std::vector<std::string> messages() const;        // the texts, in order
-    bool contains(const std::string& message) const;  // some line is exactly `message`
-    size_t count(const std::string& message) const;   // lines that are exactly `message`
+    std::vector<std::string> messages() const;  // the texts, in order
+    bool contains(const std::string& message) const { return count(message) > 0; }
+    size_t count(const std::string& message) const;  // lines that are exactly `message`
     void clear();
 };
 
