@@ -21,7 +21,7 @@ TEST(SoakTest, RecordingAndLoggingTogether) {
     for (ProfilerKeyType model = 1; model <= 8; ++model)
         W::create_profiler(model);  // all before any thread: the registry takes no lock
     std::vector<std::thread> threads;
-    for (ProfilerKeyType model = 1; model <= 8; ++model) {
+    for (ProfilerKeyType model = 1; model <= 8; ++model)
         threads.emplace_back([model] {
             for (ProfilerKeyType i = 0; i < 400; ++i) {
                 for (ProfileLabel label : {SERVICE, ENGINE, NPU_UD})
@@ -30,7 +30,6 @@ TEST(SoakTest, RecordingAndLoggingTogether) {
                     W::profile_until(model, label, model, i);
             }
         });
-    }
     threads.emplace_back([] {
         for (int round = 0; round < 2000; ++round)
             for (uint64_t zone = 0; zone < 8; ++zone) {  // every zone with a table entry
