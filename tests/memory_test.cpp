@@ -8,9 +8,9 @@
 
 #include <cstring>
 #include <fstream>
+#include <sstream>
 
 #include "src/common/zel_memory/allocator/device_buffer_allocator.h"
-#include "src/common/zel_memory/allocator/heap_allocator.h"
 #include "src/common/zel_memory/importer/file_descriptor_importer.h"
 #include "src/common/zel_memory/memory_manager.h"
 #include "src/common/zel_memory/native_handle_manager.h"
@@ -64,42 +64,37 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     Mask()->set_mask(0x3F);
     LogCapture log;
     const int fds = zel_test::CountOpenFds(), fd = memfd_create("memory_test", MFD_CLOEXEC);
+    const std::string from = std::to_string(fd);
     ASSERT_EQ(0, ftruncate(fd, 12288));
     ASSERT_EQ(1, pwrite(fd, "m", 1, 300));
-    native_handle_t* handle = nullptr;
-    const int dup_fd = NativeHandleManager::CloneNativeHandle(&handle, fd);
-    ASSERT_EQ(dup_fd, handle ? handle->data[0] : -2);
-    EXPECT_TRUE(log.contains(MsgLine("fd :" + std::to_string(fd) + " will be cloned")));
-    EXPECT_TRUE(log.contains(
-            MsgLine("Handle is cloned: " + std::to_string(fd) + " -> " + std::to_string(dup_fd))));
-    NativeHandleManager::RemoveNativeHandle(&handle);
-    EXPECT_EQ(-1, fcntl(dup_fd, F_GETFD));
+    FdImporter importer;
+    Buffer::sptr last = importer.import(fd, 12288, 4096, 12288 - 4096, nullptr);  // to the end
+    ASSERT_NE(nullptr, last);
+    EXPECT_TRUE(log.contains(MsgLine("fd :" + from + " will be cloned")));
+    EXPECT_TRUE(
+            log.contains(MsgLine("Handle is cloned: " + from + " -> " + std::to_string(last->fd))));
+    last.reset();
     native_handle_t* empty = native_handle_create(0, 0);
     for (const native_handle_t* source : {static_cast<native_handle_t*>(nullptr), empty})
         EXPECT_EQ("Invalid handle!(src/common/zel_memory/native_handle_manager:61)",
-                  Thrown([&] { NativeHandleManager::CloneNativeHandle(&handle, source); }));
+                  Thrown([&] { NativeHandleManager::CloneNativeHandle(&empty, source); }));
     NativeHandleManager::RemoveNativeHandle(&empty);  // nothing to close, nothing to read
     log.clear();  // no slot for the handle: refused, the caller's descriptor stays open
     NativeHandleManager::CreateNativeHandle(nullptr, fd);
     EXPECT_EQ(-1, NativeHandleManager::CloneNativeHandle(nullptr, fd));
     NativeHandleManager::RemoveNativeHandle(nullptr);
-    EXPECT_EQ(2u, log.count(Line("* Handle slot is null: fd(" + std::to_string(fd) + ")\n")));
+    EXPECT_EQ(2u, log.count(Line("* Handle slot is null: fd(" + from + ")\n")));
     EXPECT_TRUE(log.contains(Line("* Handle is null: nothing to remove\n")));
     EXPECT_TRUE(fcntl(fd, F_GETFD) != -1);
 
-    FdImporter importer;
-    EXPECT_NE(nullptr, importer.import(fd, 12288, 12288 - 4096, 4096, nullptr));  // to the end
     const int dir = open("/", O_RDONLY | O_CLOEXEC);
-    const std::string mmap_at = ", size(4096)" + kImporterAt + "58)";
-    for (const auto& [in, size, offset, why] : std::vector<std::tuple<int, int, int, std::string>>{
-                 {fd, 8192 - 15, 16, "Parameter is incorrect8177, 16, 8192" + kImporterAt + "52)"},
-                 {dir, 16, 0, "mmap failed : fd(" + std::to_string(dir) + ")" + mmap_at},
-                 {9999, 16, 0, "mmap failed : fd(9999)" + mmap_at}}) {
-        log.clear();
-        EXPECT_EQ(nullptr, importer.import(in, in == fd ? 8192 : 4096, size, offset, nullptr));
-        EXPECT_TRUE(log.contains(MsgLine("Exception: " + why))) << why;
-    }
+    EXPECT_EQ(nullptr, importer.import(fd, 8192, 8192 - 15, 16, nullptr));
+    EXPECT_EQ(nullptr, importer.import(dir, 4096, 16, 0, nullptr));
     close(dir);
+    EXPECT_TRUE(log.contains(
+            MsgLine("Exception: Parameter is incorrect8177, 16, 8192" + kImporterAt + "52)")));
+    EXPECT_TRUE(log.contains(MsgLine("Exception: mmap failed : fd(" + std::to_string(dir) +
+                                     "), size(4096)" + kImporterAt + "58)")));
 
     // Imports outlive the caller's descriptor. The release unmaps fd_size bytes from va: all at
     // offset 0, up to the mapping's end (with a line) from an aligned va, nothing from another.
@@ -114,17 +109,15 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
         ASSERT_NE(nullptr, buffers[i]);
         EXPECT_EQ(i == 1 ? 'm' : '\0', *static_cast<char*>(buffers[i]->va));
         char* base = static_cast<char*>(buffers[i]->base_va);
-        char cut[160];
-        snprintf(cut, 160,
-                 "* Buffer Deleter: unmapping 12288 bytes from va(%p) stops at the end of the "
-                 "mapping, after 8192 bytes\n",
-                 buffers[i]->va);
+        std::ostringstream cut;
+        cut << "* Buffer Deleter: unmapping 12288 bytes from va(" << buffers[i]->va
+            << ") stops at the end of the mapping, after 8192 bytes\n";
         // A page of our own right after the mapping, where the kernel lets us place one.
         void* guard = mmap(base + 12288, 4096, PROT_READ,
                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
         log.clear();
         buffers[i].reset();
-        EXPECT_EQ(i == 2 ? Lines{Line(cut)} : Lines{}, log.messages());
+        EXPECT_EQ(i == 2 ? Lines{Line(cut.str())} : Lines{}, log.messages());
         std::string mapped;
         unsigned char vec;
         for (int page = 0; page < 4; ++page)
@@ -136,27 +129,15 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     EXPECT_EQ(fds, zel_test::CountOpenFds());
 }
 
-TEST_F(MemoryTest, AllocatorsAndFactoryReportTheirFailures) {
+TEST_F(MemoryTest, DeviceAllocatorAndFactoryReportTheirFailures) {
     LogCapture log;
     const int fds = zel_test::CountOpenFds();
-    HeapAllocator heap(4096);
-    Buffer::sptr small = heap.create_memory(1);
-    ASSERT_NE(nullptr, small);
-    EXPECT_EQ(1u, small->fd_size);
-    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(small->base_va) % 4096);
-    EXPECT_GE(malloc_usable_size(small->base_va), 4096u);
-    EXPECT_EQ(nullptr, heap.create_memory(0));
-    EXPECT_EQ(Lines{MsgLine("Exception at creation: Incorrect size(0) "
-                            "requested(src/common/zel_memory/allocator/heap_allocator:49)")},
-              log.messages());
-
     Mask()->set_mask(0xB);
     auto device = std::make_unique<DeviceBufferAllocatorUncached>();
     EXPECT_TRUE(log.contains(MsgLine("Open with heap: system-uncached, dmabuf_system_heap")));
     Buffer::sptr buffer = device->create_memory(5000);
     ASSERT_NE(nullptr, buffer);
     EXPECT_EQ(5000u, buffer->size);
-    EXPECT_EQ("system-uncached", HeapOf(buffer->fd));
     EXPECT_EQ(8192, lseek(buffer->fd, 0, SEEK_END));  // whole pages, as the kernel's heaps
     memset(buffer->va, 0x5A, 5000);
     testing::internal::CaptureStdout();
@@ -184,15 +165,7 @@ TEST_F(MemoryTest, AllocatorsAndFactoryReportTheirFailures) {
               log.messages());
 }
 
-TEST_F(MemoryTest, BuffersWrapIn32BitsAndThePoolMatchesRecordsByValue) {
-    char memory[256];
-    EXPECT_NO_THROW(Buffer(memory, 100, 28, 128, -1, nullptr));
-    EXPECT_EQ("Offset is bigger or equal than size(src/common/zel_memory/buffer:49)",
-              Thrown([&] { Buffer(memory, 101, 28, 128, -1, nullptr); }));
-    EXPECT_NO_THROW(Buffer(memory, 0xFFFFFFFFu, 2, 4, -1, nullptr));  // wraps to 1
-    Buffer heap(reinterpret_cast<void*>(0x7f00), 4096, 0, 4096, -1, nullptr);
-    EXPECT_EQ("va(0x7f00), base_va(0x7f00), size(4096), offset(0), fd(-1)", heap.to_string());
-
+TEST_F(MemoryTest, ExceptionsShareTheirTextAndThePoolMatchesRecordsByValue) {
     TalornNnException error("src/x", 7);
     error << "a" << 5 << 6u << std::string("s");
     EXPECT_STREQ("a56s(src/x:7)", error.what());
@@ -201,43 +174,39 @@ TEST_F(MemoryTest, BuffersWrapIn32BitsAndThePoolMatchesRecordsByValue) {
     EXPECT_STREQ("a56s!(src/x:7)", shared.what());
 
     LogCapture log;
+    char memory[32];
     DummyImporter importer;
     Buffer::sptr first = importer.import(-1, 64, 32, 0, memory);
     Buffer::sptr second = importer.import(-1, 64, 32, 0, memory);
-    Buffer::sptr lower = first.get() < second.get() ? first : second;
     BufferPool pool;
     UserBufferSptr record = pool.add_buffer(first);
     EXPECT_EQ(record, pool.add_buffer(first));
     EXPECT_TRUE(log.contains(MsgLine("buffer map already has buffer: " + first->to_string())));
     pool.add_buffer(second);
-    EXPECT_EQ("BUFFER_MAP: " + lower->to_string() + "\nBUFFER_MAP: " + lower->to_string() + "\n",
+    EXPECT_EQ("BUFFER_MAP: " + first->to_string() + "\nBUFFER_MAP: " + first->to_string() + "\n",
               pool.to_string());
-    ZelBuffer copy = *record;
-    EXPECT_EQ(lower, pool.get_buffer(&copy));
-    pool.delete_buffer(&copy);
-    EXPECT_EQ(0u, pool.buffer_map.count(lower));
     ZelBuffer stranger{memory, 1, 0};
     EXPECT_EQ("Not found user_buffer0" + kPoolAt + "99)",
               Thrown([&] { pool.get_buffer(&stranger); }));
+    pool.delete_buffer(first);
     log.clear();
-    pool.delete_buffer(lower);  // unknown by now: logged, not thrown
-    EXPECT_EQ((Lines{MsgLine("buffer is not managed by map: " + lower->to_string()),
-                     MsgLine("Failed to erase from buffer_map: " + lower->to_string())}),
+    pool.delete_buffer(first);  // unknown by now: logged, not thrown
+    EXPECT_EQ((Lines{MsgLine("buffer is not managed by map: " + first->to_string()),
+                     MsgLine("Failed to erase from buffer_map: " + first->to_string())}),
               log.messages());
     EXPECT_EQ(1u, pool.buffer_map.size());
     // More records alive at once than a thread keeps for reuse, released, then as many again:
     // each shows its own buffer, and once released its own address.
     for (int round = 0; round < 2; ++round) {
-        std::vector<Buffer::sptr> buffers;
-        std::vector<ZelBuffer*> views;
-        for (int i = 0; i < 20; ++i) {
-            buffers.push_back(importer.import(-1, 64, 32, 0, memory + i));
-            views.push_back(pool.add_buffer(buffers.back()).get());
-        }
-        for (int i = 0; i < 20; ++i) {
-            EXPECT_EQ(memory + i, views[i]->va);
-            pool.delete_buffer(buffers[i]);
-            EXPECT_EQ(views[i], views[i]->va);
+        std::vector<std::pair<Buffer::sptr, ZelBuffer*>> held(20);
+        for (int i = 0; i < 20; ++i)
+            held[i].second =
+                    pool.add_buffer(held[i].first = importer.import(-1, 64, 32, 0, memory + i))
+                            .get();
+        for (auto& [buffer, view] : held) {
+            EXPECT_EQ(buffer->va, view->va);
+            pool.delete_buffer(buffer);
+            EXPECT_EQ(view, view->va);
         }
     }
 }
@@ -245,44 +214,51 @@ TEST_F(MemoryTest, BuffersWrapIn32BitsAndThePoolMatchesRecordsByValue) {
 TEST_F(MemoryTest, ManagerTurnsEveryFailureIntoItsResult) {
     LogCapture log;
     MemoryManager manager;
-    char memory[64];  // a dummy buffer wraps them, owning and pooling nothing
-    Buffer::sptr dummy = manager.dummy_memory(7, 0, 16, 8, memory);
+    void* const at = reinterpret_cast<void*>(0x7f00);            // a dummy buffer wraps any address
+    Buffer::sptr dummy = manager.dummy_memory(7, 0, 16, 8, at);  // fd_size 0: size + offset
     ASSERT_NE(nullptr, dummy);
-    EXPECT_EQ(24u, dummy->fd_size);  // fd_size 0 becomes size + offset
-    EXPECT_EQ(memory + 8, dummy->va);
-    EXPECT_EQ(7, dummy->fd);
-    EXPECT_EQ(nullptr, manager.get_user_raw_buffer(dummy));
-    EXPECT_EQ(nullptr, manager.dummy_memory(3, 16, 16, 1, memory));
+    EXPECT_EQ("va(0x7f08), base_va(0x7f00), size(16), offset(8), fd(7) 24",
+              dummy->to_string() + " " + std::to_string(dummy->fd_size));
+    EXPECT_EQ(nullptr, manager.get_user_raw_buffer(dummy));  // and pools nothing
+    EXPECT_NE(nullptr, manager.dummy_memory(3, 128, 100, 28, at));
+    EXPECT_NE(nullptr, manager.dummy_memory(3, 4, 0xFFFFFFFFu, 2, at));  // the sum wraps to 1
+    EXPECT_EQ(nullptr, manager.dummy_memory(3, 128, 101, 28, at));
     EXPECT_TRUE(log.contains(MsgLine(
             "Exception: Offset is bigger or equal than size(src/common/zel_memory/buffer:49)")));
 
-    Buffer::sptr heap = manager.create_memory(ZEL_MM_HEAP, 4096, 0);
+    Buffer::sptr heap = manager.create_memory(ZEL_MM_HEAP, 1, 0);
     ZelBuffer* record = manager.get_user_raw_buffer(heap);
     ASSERT_TRUE(heap && record && heap->fd == -1);
+    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(heap->base_va) % 4096);
+    EXPECT_GE(malloc_usable_size(heap->base_va), 4096u);
     EXPECT_EQ("system", HeapOf(manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64, 1)->fd));
     Buffer::sptr uncached = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64, 0);
     EXPECT_EQ("system-uncached", HeapOf(uncached->fd));
     log.clear();
+    EXPECT_EQ(nullptr, manager.create_memory(ZEL_MM_HEAP, 0, 0));
     EXPECT_EQ(nullptr, manager.create_memory(static_cast<ZelMmType>(2), 64, 1));
     EXPECT_EQ(nullptr, manager.create_memory(ZEL_MM_ASHMEM, 64, 1));
-    EXPECT_EQ((Lines{MsgLine("Exception: type 2is not allowed to "
+    const std::string no_buffer = MsgLine("Exception: Argument is nullptr" + kPoolAt + "41)");
+    EXPECT_EQ((Lines{MsgLine("Exception at creation: Incorrect size(0) "
+                             "requested(src/common/zel_memory/allocator/heap_allocator:49)"),
+                     no_buffer,
+                     MsgLine("Exception: type 2is not allowed to "
                              "create(src/common/zel_memory/memory_manager:57)"),
                      MsgLine("ashmem allocation is not allowed: Please check _ENABLE_ASHMEM is "
                              "enabled"),
-                     MsgLine("Exception: Argument is nullptr" + kPoolAt + "41)")}),
+                     no_buffer}),
               log.messages());
     ZelBuffer copy = *manager.get_user_raw_buffer(uncached);
     EXPECT_EQ(uncached->fd, manager.get_fd(&copy));
     EXPECT_EQ(uncached, manager.get_buffer(&copy));
 
-    log.clear();
-    EXPECT_EQ(0, manager.delete_memory(record));
-    EXPECT_EQ(5, manager.delete_memory(record));  // the same record again
-    EXPECT_EQ(5, manager.delete_memory(Buffer::sptr()));
-    EXPECT_EQ(0, manager.delete_memory(heap));  // unknown by now: the pool only logs
-    EXPECT_EQ(nullptr, manager.get_buffer(nullptr));
-    EXPECT_EQ(-1, manager.get_fd(nullptr));
-    EXPECT_EQ(nullptr, manager.get_user_raw_buffer(heap));
+    log.clear();  // deletions twice, of nothing and of what the pool no longer has; null lookups
+    std::ostringstream results;
+    results << manager.delete_memory(record) << manager.delete_memory(record)
+            << manager.delete_memory(Buffer::sptr()) << manager.delete_memory(heap) << " "
+            << manager.get_buffer(nullptr) << manager.get_fd(nullptr)
+            << manager.get_user_raw_buffer(heap);
+    EXPECT_EQ("0550 0-10", results.str());
     for (const std::string& line :
          {"Memory Deletion is failed: buffer is not managed by map: please check local ptr is "
           "modified" +
