@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -44,36 +45,26 @@ std::string HeapOf(int fd) {
     std::ifstream info("/proc/self/fdinfo/" + std::to_string(fd));
     for (std::string line; std::getline(info, line);)
         if (line.rfind("exp_name:", 0) == 0) return line.substr(line.find_last_of(" \t") + 1);
-    char link[256] = {};
-    readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), link, sizeof(link) - 1);
-    const std::string name = strstr(link, "dmabuf:") ? strstr(link, "dmabuf:") + 7 : link;
-    return name.substr(0, name.find(' '));
+    const std::string link = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd));
+    const size_t name = link.find("dmabuf:") + 7;
+    return link.substr(name, link.find(' ', name) - name);
 }
 
-zel::debug::DbgPrintManager* Mask() {
-    return zel::debug::DbgPrintManager::GetInstance();
-}
+zel::debug::DbgPrintManager& mask = *zel::debug::DbgPrintManager::GetInstance();
 
 class MemoryTest : public ::testing::Test {
   protected:
-    ~MemoryTest() override { Mask()->set_mask(saved_); }
-    const uint64_t saved_ = Mask()->get_print_mask();
+    ~MemoryTest() override { mask.set_mask(saved_); }
+    const uint64_t saved_ = mask.get_print_mask();
 };
 
 TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
-    Mask()->set_mask(0x3F);
+    mask.set_mask(0x3F);
     LogCapture log;
     const int fds = zel_test::CountOpenFds(), fd = memfd_create("memory_test", MFD_CLOEXEC);
     const std::string from = std::to_string(fd);
     ASSERT_EQ(0, ftruncate(fd, 12288));
     ASSERT_EQ(1, pwrite(fd, "m", 1, 300));
-    FdImporter importer;
-    Buffer::sptr last = importer.import(fd, 12288, 4096, 12288 - 4096, nullptr);  // to the end
-    ASSERT_NE(nullptr, last);
-    EXPECT_TRUE(log.contains(MsgLine("fd :" + from + " will be cloned")));
-    EXPECT_TRUE(
-            log.contains(MsgLine("Handle is cloned: " + from + " -> " + std::to_string(last->fd))));
-    last.reset();
     native_handle_t* empty = native_handle_create(0, 0);
     for (const native_handle_t* source : {static_cast<native_handle_t*>(nullptr), empty})
         EXPECT_EQ("Invalid handle!(src/common/zel_memory/native_handle_manager:61)",
@@ -87,6 +78,7 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     EXPECT_TRUE(log.contains(Line("* Handle is null: nothing to remove\n")));
     EXPECT_TRUE(fcntl(fd, F_GETFD) != -1);
 
+    FdImporter importer;
     const int dir = open("/", O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(nullptr, importer.import(fd, 8192, 8192 - 15, 16, nullptr));
     EXPECT_EQ(nullptr, importer.import(dir, 4096, 16, 0, nullptr));
@@ -98,20 +90,23 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
 
     // Imports outlive the caller's descriptor. The release unmaps fd_size bytes from va: all at
     // offset 0, up to the mapping's end (with a line) from an aligned va, nothing from another.
-    const uint32_t offsets[] = {0, 300, 4096};
-    const char* pages_mapped[] = {"000", "111", "100"};
-    Mask()->set_mask(0);
-    Buffer::sptr buffers[3];
-    for (int i = 0; i < 3; ++i)
-        buffers[i] = importer.import(fd, 12288, 100, offsets[i], nullptr);
+    log.clear();
+    Buffer::sptr buffers[] = {importer.import(fd, 12288, 100, 0, nullptr),
+                              importer.import(fd, 12288, 100, 300, nullptr),
+                              importer.import(fd, 12288, 4096, 8192, nullptr)};  // to the end
     close(fd);
+    ASSERT_TRUE(buffers[0] && buffers[1] && buffers[2]);
+    EXPECT_TRUE(log.contains(MsgLine("fd :" + from + " will be cloned")));
+    EXPECT_TRUE(log.contains(
+            MsgLine("Handle is cloned: " + from + " -> " + std::to_string(buffers[2]->fd))));
+    const char* pages_mapped[] = {"000", "111", "110"};
+    mask.set_mask(0);
     for (int i = 0; i < 3; ++i) {
-        ASSERT_NE(nullptr, buffers[i]);
         EXPECT_EQ(i == 1 ? 'm' : '\0', *static_cast<char*>(buffers[i]->va));
         char* base = static_cast<char*>(buffers[i]->base_va);
         std::ostringstream cut;
         cut << "* Buffer Deleter: unmapping 12288 bytes from va(" << buffers[i]->va
-            << ") stops at the end of the mapping, after 8192 bytes\n";
+            << ") stops at the end of the mapping, after 4096 bytes\n";
         // A page of our own right after the mapping, where the kernel lets us place one.
         void* guard = mmap(base + 12288, 4096, PROT_READ,
                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
@@ -127,42 +122,6 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
         munmap(base, 12288);
     }
     EXPECT_EQ(fds, zel_test::CountOpenFds());
-}
-
-TEST_F(MemoryTest, DeviceAllocatorAndFactoryReportTheirFailures) {
-    LogCapture log;
-    const int fds = zel_test::CountOpenFds();
-    Mask()->set_mask(0xB);
-    auto device = std::make_unique<DeviceBufferAllocatorUncached>();
-    EXPECT_TRUE(log.contains(MsgLine("Open with heap: system-uncached, dmabuf_system_heap")));
-    Buffer::sptr buffer = device->create_memory(5000);
-    ASSERT_NE(nullptr, buffer);
-    EXPECT_EQ(5000u, buffer->size);
-    EXPECT_EQ(8192, lseek(buffer->fd, 0, SEEK_END));  // whole pages, as the kernel's heaps
-    memset(buffer->va, 0x5A, 5000);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(nullptr, device->create_memory(0));
-    device->allocator.reset();
-    EXPECT_EQ(nullptr, device->create_memory(4096));
-    EXPECT_EQ("dmabuf_allocator allocation failed!" + kDeviceAt + "75)\n" +
-                      "Allocator is not available." + kDeviceAt + "73)\n",
-              testing::internal::GetCapturedStdout());
-    log.clear();
-    device.reset();
-    EXPECT_EQ(Lines{Line("  Allocator is not available.\n")}, log.messages());
-    EXPECT_EQ(0x5A, static_cast<unsigned char*>(buffer->va)[4999]);  // outlives its allocator
-    buffer.reset();
-    EXPECT_EQ(fds, zel_test::CountOpenFds());
-
-    Mask()->set_mask(0x23);
-    BufferFactory factory;
-    log.clear();
-    EXPECT_EQ(nullptr, factory.allocate(static_cast<BufferAllocationType>(3), 4096));
-    EXPECT_EQ(nullptr, factory.import_buffer(-1, 4096, 16, 8));
-    EXPECT_EQ((Lines{MsgLine("(type, _size) = (3, 4096) is incorrect."),
-                     Line("  fd(-1), fd_size(4096), buf_size(16), offset(8)\n"),
-                     MsgLine("Exception: fd is incorrect: -1" + kImporterAt + "75)")}),
-              log.messages());
 }
 
 TEST_F(MemoryTest, ExceptionsShareTheirTextAndThePoolMatchesRecordsByValue) {
@@ -211,33 +170,54 @@ TEST_F(MemoryTest, ExceptionsShareTheirTextAndThePoolMatchesRecordsByValue) {
     }
 }
 
-TEST_F(MemoryTest, ManagerTurnsEveryFailureIntoItsResult) {
+TEST_F(MemoryTest, AllocatorsFactoryAndManagerTurnEveryFailureIntoItsResult) {
+    mask.set_mask(0x2B);
     LogCapture log;
-    MemoryManager manager;
-    void* const at = reinterpret_cast<void*>(0x7f00);            // a dummy buffer wraps any address
-    Buffer::sptr dummy = manager.dummy_memory(7, 0, 16, 8, at);  // fd_size 0: size + offset
+    const int fds = zel_test::CountOpenFds();
+    auto manager = std::make_unique<MemoryManager>();
+    EXPECT_TRUE(log.contains(MsgLine("Open with heap: system-uncached, dmabuf_system_heap")));
+    void* const at = reinterpret_cast<void*>(0x7f00);  // a dummy buffer wraps any address
+    Buffer::sptr dummy = manager->dummy_memory(7, 0, 16, 8, at);  // fd_size 0: size + offset
     ASSERT_NE(nullptr, dummy);
     EXPECT_EQ("va(0x7f08), base_va(0x7f00), size(16), offset(8), fd(7) 24",
               dummy->to_string() + " " + std::to_string(dummy->fd_size));
-    EXPECT_EQ(nullptr, manager.get_user_raw_buffer(dummy));  // and pools nothing
-    EXPECT_NE(nullptr, manager.dummy_memory(3, 128, 100, 28, at));
-    EXPECT_NE(nullptr, manager.dummy_memory(3, 4, 0xFFFFFFFFu, 2, at));  // the sum wraps to 1
-    EXPECT_EQ(nullptr, manager.dummy_memory(3, 128, 101, 28, at));
+    EXPECT_EQ(nullptr, manager->get_user_raw_buffer(dummy));  // and pools nothing
+    EXPECT_NE(nullptr, manager->dummy_memory(3, 128, 100, 28, at));
+    EXPECT_NE(nullptr, manager->dummy_memory(3, 4, 0xFFFFFFFFu, 2, at));  // the sum wraps to 1
+    EXPECT_EQ(nullptr, manager->dummy_memory(3, 128, 101, 28, at));
     EXPECT_TRUE(log.contains(MsgLine(
             "Exception: Offset is bigger or equal than size(src/common/zel_memory/buffer:49)")));
 
-    Buffer::sptr heap = manager.create_memory(ZEL_MM_HEAP, 1, 0);
-    ZelBuffer* record = manager.get_user_raw_buffer(heap);
+    Buffer::sptr heap = manager->create_memory(ZEL_MM_HEAP, 1, 0);
+    ZelBuffer* record = manager->get_user_raw_buffer(heap);
     ASSERT_TRUE(heap && record && heap->fd == -1);
     EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(heap->base_va) % 4096);
     EXPECT_GE(malloc_usable_size(heap->base_va), 4096u);
-    EXPECT_EQ("system", HeapOf(manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64, 1)->fd));
-    Buffer::sptr uncached = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64, 0);
+    EXPECT_EQ("system", HeapOf(manager->create_memory(ZEL_MM_DEVICE_BUFFER, 64, 1)->fd));
+    Buffer::sptr uncached = manager->create_memory(ZEL_MM_DEVICE_BUFFER, 5000, 0);
+    ASSERT_NE(nullptr, uncached);
     EXPECT_EQ("system-uncached", HeapOf(uncached->fd));
+    EXPECT_EQ(5000u, uncached->size);
+    EXPECT_EQ(8192, lseek(uncached->fd, 0, SEEK_END));  // whole pages, as the kernel's heaps
+    memset(uncached->va, 0x5A, 5000);
+    ZelBuffer copy = *manager->get_user_raw_buffer(uncached);
+    EXPECT_EQ(uncached, manager->get_buffer(&copy));
+
+    BufferFactory& factory = *manager->buffer_factory;
+    testing::internal::CaptureStdout();
     log.clear();
-    EXPECT_EQ(nullptr, manager.create_memory(ZEL_MM_HEAP, 0, 0));
-    EXPECT_EQ(nullptr, manager.create_memory(static_cast<ZelMmType>(2), 64, 1));
-    EXPECT_EQ(nullptr, manager.create_memory(ZEL_MM_ASHMEM, 64, 1));
+    EXPECT_EQ(nullptr, manager->create_memory(ZEL_MM_HEAP, 0, 0));
+    EXPECT_EQ(nullptr, manager->create_memory(static_cast<ZelMmType>(2), 64, 1));
+    EXPECT_EQ(nullptr, manager->create_memory(ZEL_MM_ASHMEM, 64, 1));
+    EXPECT_EQ(nullptr, manager->create_memory(ZEL_MM_DEVICE_BUFFER, 0, 0));
+    static_cast<DeviceBufferAllocator&>(*factory.allocators[BUFFER_ALLOC_DEVICE_UNCACHED])
+            .allocator.reset();
+    EXPECT_EQ(nullptr, factory.allocate_device_buffer_noncache(4096));
+    EXPECT_EQ(nullptr, factory.allocate(static_cast<BufferAllocationType>(3), 4096));
+    EXPECT_EQ(nullptr, factory.import_buffer(-1, 4096, 16, 8));
+    EXPECT_EQ("dmabuf_allocator allocation failed!" + kDeviceAt + "75)\n" +
+                      "Allocator is not available." + kDeviceAt + "73)\n",
+              testing::internal::GetCapturedStdout());
     const std::string no_buffer = MsgLine("Exception: Argument is nullptr" + kPoolAt + "41)");
     EXPECT_EQ((Lines{MsgLine("Exception at creation: Incorrect size(0) "
                              "requested(src/common/zel_memory/allocator/heap_allocator:49)"),
@@ -246,18 +226,17 @@ TEST_F(MemoryTest, ManagerTurnsEveryFailureIntoItsResult) {
                              "create(src/common/zel_memory/memory_manager:57)"),
                      MsgLine("ashmem allocation is not allowed: Please check _ENABLE_ASHMEM is "
                              "enabled"),
-                     no_buffer}),
+                     no_buffer, no_buffer, MsgLine("(type, _size) = (3, 4096) is incorrect."),
+                     Line("  fd(-1), fd_size(4096), buf_size(16), offset(8)\n"),
+                     MsgLine("Exception: fd is incorrect: -1" + kImporterAt + "75)")}),
               log.messages());
-    ZelBuffer copy = *manager.get_user_raw_buffer(uncached);
-    EXPECT_EQ(uncached->fd, manager.get_fd(&copy));
-    EXPECT_EQ(uncached, manager.get_buffer(&copy));
 
     log.clear();  // deletions twice, of nothing and of what the pool no longer has; null lookups
     std::ostringstream results;
-    results << manager.delete_memory(record) << manager.delete_memory(record)
-            << manager.delete_memory(Buffer::sptr()) << manager.delete_memory(heap) << " "
-            << manager.get_buffer(nullptr) << manager.get_fd(nullptr)
-            << manager.get_user_raw_buffer(heap);
+    results << manager->delete_memory(record) << manager->delete_memory(record)
+            << manager->delete_memory(Buffer::sptr()) << manager->delete_memory(heap) << " "
+            << manager->get_buffer(nullptr) << manager->get_fd(nullptr)
+            << manager->get_user_raw_buffer(heap);
     EXPECT_EQ("0550 0-10", results.str());
     for (const std::string& line :
          {"Memory Deletion is failed: buffer is not managed by map: please check local ptr is "
@@ -266,6 +245,12 @@ TEST_F(MemoryTest, ManagerTurnsEveryFailureIntoItsResult) {
           std::string("Memory deletion failed"), "parameter is null" + kPoolAt + "93)",
           "Couldn't find buffer at map :" + heap->to_string() + kPoolAt + "105)"})
         EXPECT_TRUE(log.contains(MsgLine(line))) << line;
+    log.clear();
+    manager.reset();
+    EXPECT_EQ(1u, log.count(Line("  Allocator is not available.\n")));
+    EXPECT_EQ(0x5A, static_cast<unsigned char*>(uncached->va)[4999]);  // outlives its allocator
+    uncached.reset();
+    EXPECT_EQ(fds, zel_test::CountOpenFds());
 }
 
 }  // namespace
