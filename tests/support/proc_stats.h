@@ -5,9 +5,8 @@ namespace zel_test {
 
 // Open descriptors of this process (entries of /proc/self/fd, less the one used to list it).
 int CountOpenFds();
-// Mappings of memfd-backed memory: device buffers and imports on a host. Heap blocks and thread
-// stacks come and go with the allocator's caches, so this is the count that says what was given
-// back.
+// Mappings of memfd-backed memory (device buffers and imports on a host): unlike heap blocks and
+// thread stacks, they do not come and go with the allocator's caches.
 int CountMemfdMappings();
 
 }  // namespace zel_test
