@@ -45,7 +45,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 offset_imports += made && offset != 0;
             } else if (action == 2) {
                 made = manager.dummy_memory(-1, 0, size % 64, offset % 64, own.data());
-                if (made && manager.get_user_raw_buffer(made)) abort();
                 backed = made ? size % 64 : 0;
             } else if (!all.empty()) {
                 auto& [buffer, view] = all[in.ConsumeIntegralInRange<size_t>(0, all.size() - 1)];

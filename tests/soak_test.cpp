@@ -1,5 +1,5 @@
-// Soak, bounded by counts: eight threads record into their profilers while another logs at every
-// zone; every record and line is accounted for and every descriptor given back (CI adds TSan).
+// Soak, bounded by counts: eight threads record while another logs at every zone; every record,
+// line and descriptor is accounted for (CI adds TSan).
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -48,7 +48,6 @@ TEST(SoakTest, RecordingAndLoggingTogether) {
         EXPECT_EQ(6u, W::get_profiler_num_label(model));
         W::remove_profiler(model);
     }
-    EXPECT_TRUE(W::profilerMap_.empty());
     EXPECT_EQ(fds, zel_test::CountOpenFds());
 }
 
