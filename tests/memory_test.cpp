@@ -117,16 +117,13 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     EXPECT_EQ(fds, zel_test::CountOpenFds());
 }
 
-TEST_F(MemoryTest, ExceptionsShareTheirStream) {
-    TalornNnException error("src/x", 7);
+TEST_F(MemoryTest, AllocatorsFactoryAndManagerTurnEveryFailureIntoItsResult) {
+    TalornNnException error("src/x", 7);  // every failure's text: a copy shares the stream
     error << "a" << 5 << 6u << std::string("s");
     EXPECT_STREQ("a56s(src/x:7)", error.what());
     TalornNnException shared(error);
     error << "!";
     EXPECT_STREQ("a56s!(src/x:7)", shared.what());
-}
-
-TEST_F(MemoryTest, AllocatorsFactoryAndManagerTurnEveryFailureIntoItsResult) {
     mask.set_mask(0x2B);
     LogCapture log;
     const int fds = zel_test::CountOpenFds();

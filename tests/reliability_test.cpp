@@ -27,8 +27,7 @@ const std::string kPath = "/tmp/zel_reliability_" + std::to_string(getpid());
 
 size_t MappedBytes() {
     size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    return pages * getpagesize();
+    return std::ifstream("/proc/self/statm") >> pages ? pages * getpagesize() : 0;
 }
 
 // Lets the process map only `headroom` more bytes; 0 lifts the limit back to the hard one.

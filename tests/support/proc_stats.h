@@ -5,8 +5,7 @@ namespace zel_test {
 
 // Open descriptors of this process (entries of /proc/self/fd, less the one used to list it).
 int CountOpenFds();
-// Mappings of memfd-backed memory (device buffers and imports on a host): unlike heap blocks and
-// thread stacks, they do not come and go with the allocator's caches.
+// Mappings of memfd-backed memory (device buffers and imports on a host), not cached by allocators.
 int CountMemfdMappings();
 
 }  // namespace zel_test
