@@ -41,15 +41,10 @@ std::string HeapOf(int fd) {
     return link.substr(name, link.find(' ', name) - name);
 }
 
+// Each case sets the zones it reads.
 zel::debug::DbgPrintManager& mask = *zel::debug::DbgPrintManager::GetInstance();
 
-class MemoryTest : public ::testing::Test {
-  protected:
-    ~MemoryTest() override { mask.set_mask(saved_); }
-    const uint64_t saved_ = mask.get_print_mask();
-};
-
-TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
+TEST(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     mask.set_mask(0x3F);
     LogCapture log;
     const int fds = zel_test::CountOpenFds(), fd = memfd_create("memory_test", MFD_CLOEXEC);
@@ -64,8 +59,9 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
                          e.what());
         }
     }
-    NativeHandleManager::RemoveNativeHandle(&empty);  // nothing to close, nothing to read
-    log.clear();  // no slot for the handle: refused, the caller's descriptor stays open
+    log.clear();  // nothing to close, nothing to read; no slot: refused, the descriptor stays open
+    NativeHandleManager::RemoveNativeHandle(&empty);
+    EXPECT_TRUE(log.contains(Line("* Handle is removed: it holds no descriptor\n")));
     NativeHandleManager::CreateNativeHandle(nullptr, fd);
     EXPECT_EQ(-1, NativeHandleManager::CloneNativeHandle(nullptr, fd));
     NativeHandleManager::RemoveNativeHandle(nullptr);
@@ -117,7 +113,7 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     EXPECT_EQ(fds, zel_test::CountOpenFds());
 }
 
-TEST_F(MemoryTest, AllocatorsFactoryAndManagerTurnEveryFailureIntoItsResult) {
+TEST(MemoryTest, AllocatorsFactoryAndManagerTurnEveryFailureIntoItsResult) {
     TalornNnException error("src/x", 7);  // every failure's text: a copy shares the stream
     error << "a" << 5 << 6u << std::string("s");
     EXPECT_STREQ("a56s(src/x:7)", error.what());
