@@ -1,5 +1,5 @@
-// Buffers, native handles, importers, allocators, factory, pool and manager: results, log lines
-// and what each failure or release leaves behind.
+// Handles, importers, allocators, factory, pool and manager: results, log lines and what each
+// failure or release leaves behind.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -7,10 +7,11 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "src/common/zel_memory/allocator/device_buffer_allocator.h"
-#include "src/common/zel_memory/allocator/heap_allocator.h"
 #include "src/common/zel_memory/importer/file_descriptor_importer.h"
 #include "src/common/zel_memory/memory_manager.h"
 #include "src/common/zel_memory/native_handle_manager.h"
@@ -30,101 +31,77 @@ const std::string kImporterAt = "(src/common/zel_memory/importer/file_descriptor
 const std::string kPoolAt = "(src/common/zel_memory/buffer_pool:";
 const std::string kDeviceAt = "(src/common/zel_memory/allocator/device_buffer_allocator:";
 
-// what() of the TalornNnException that `body` throws.
-template <typename Body>
-std::string Thrown(Body body) try {
-    body();
-    return "<nothing thrown>";
-} catch (const TalornNnException& e) {
-    return e.what();
-}
-
 // Heap a dmabuf descriptor came from: its exporter name, or the name of the host's memfd.
 std::string HeapOf(int fd) {
     std::ifstream info("/proc/self/fdinfo/" + std::to_string(fd));
     for (std::string line; std::getline(info, line);)
         if (line.rfind("exp_name:", 0) == 0) return line.substr(line.find_last_of(" \t") + 1);
-    char link[256] = {};
-    readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), link, sizeof(link) - 1);
-    const std::string name = strstr(link, "dmabuf:") ? strstr(link, "dmabuf:") + 7 : link;
-    return name.substr(0, name.find(' '));
+    const std::string link = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd));
+    const size_t name = link.find("dmabuf:") + 7;
+    return link.substr(name, link.find(' ', name) - name);
 }
 
-zel::debug::DbgPrintManager* Mask() {
-    return zel::debug::DbgPrintManager::GetInstance();
-}
+// Each case sets the zones it reads.
+zel::debug::DbgPrintManager& mask = *zel::debug::DbgPrintManager::GetInstance();
 
-class MemoryTest : public ::testing::Test {
-  protected:
-    ~MemoryTest() override { Mask()->set_mask(saved_); }
-    const uint64_t saved_ = Mask()->get_print_mask();
-};
-
-TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
-    Mask()->set_mask(0x3F);
+TEST(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
+    mask.set_mask(0x3F);
     LogCapture log;
     const int fds = zel_test::CountOpenFds(), fd = memfd_create("memory_test", MFD_CLOEXEC);
+    const std::string from = std::to_string(fd);
     ASSERT_EQ(0, ftruncate(fd, 12288));
-    ASSERT_EQ(1, pwrite(fd, "m", 1, 300));
-    native_handle_t* handle = nullptr;
-    const int dup_fd = NativeHandleManager::CloneNativeHandle(&handle, fd);
-    ASSERT_EQ(dup_fd, handle ? handle->data[0] : -2);
-    EXPECT_TRUE(log.contains(MsgLine("fd :" + std::to_string(fd) + " will be cloned")));
-    EXPECT_TRUE(log.contains(
-            MsgLine("Handle is cloned: " + std::to_string(fd) + " -> " + std::to_string(dup_fd))));
-    NativeHandleManager::RemoveNativeHandle(&handle);
-    EXPECT_EQ(-1, fcntl(dup_fd, F_GETFD));
     native_handle_t* empty = native_handle_create(0, 0);
-    for (const native_handle_t* source : {static_cast<native_handle_t*>(nullptr), empty})
-        EXPECT_EQ("Invalid handle!(src/common/zel_memory/native_handle_manager:61)",
-                  Thrown([&] { NativeHandleManager::CloneNativeHandle(&handle, source); }));
-    NativeHandleManager::RemoveNativeHandle(&empty);  // nothing to close, nothing to read
-    log.clear();  // no slot for the handle: refused, the caller's descriptor stays open
+    for (const native_handle_t* source : {static_cast<native_handle_t*>(nullptr), empty}) {
+        try {
+            ADD_FAILURE() << NativeHandleManager::CloneNativeHandle(&empty, source);
+        } catch (const TalornNnException& e) {
+            EXPECT_STREQ("Invalid handle!(src/common/zel_memory/native_handle_manager:61)",
+                         e.what());
+        }
+    }
+    log.clear();  // nothing to close, nothing to read; no slot: refused, the descriptor stays open
+    NativeHandleManager::RemoveNativeHandle(&empty);
+    EXPECT_TRUE(log.contains(Line("* Handle is removed: it holds no descriptor\n")));
     NativeHandleManager::CreateNativeHandle(nullptr, fd);
     EXPECT_EQ(-1, NativeHandleManager::CloneNativeHandle(nullptr, fd));
     NativeHandleManager::RemoveNativeHandle(nullptr);
-    EXPECT_EQ(2u, log.count(Line("* Handle slot is null: fd(" + std::to_string(fd) + ")\n")));
+    EXPECT_EQ(2u, log.count(Line("* Handle slot is null: fd(" + from + ")\n")));
     EXPECT_TRUE(log.contains(Line("* Handle is null: nothing to remove\n")));
-    EXPECT_TRUE(fcntl(fd, F_GETFD) != -1);
 
     FdImporter importer;
-    EXPECT_NE(nullptr, importer.import(fd, 12288, 12288 - 4096, 4096, nullptr));  // to the end
     const int dir = open("/", O_RDONLY | O_CLOEXEC);
-    const std::string mmap_at = ", size(4096)" + kImporterAt + "58)";
-    for (const auto& [in, size, offset, why] : std::vector<std::tuple<int, int, int, std::string>>{
-                 {fd, 8192 - 15, 16, "Parameter is incorrect8177, 16, 8192" + kImporterAt + "52)"},
-                 {dir, 16, 0, "mmap failed : fd(" + std::to_string(dir) + ")" + mmap_at},
-                 {9999, 16, 0, "mmap failed : fd(9999)" + mmap_at}}) {
-        log.clear();
-        EXPECT_EQ(nullptr, importer.import(in, in == fd ? 8192 : 4096, size, offset, nullptr));
-        EXPECT_TRUE(log.contains(MsgLine("Exception: " + why))) << why;
-    }
+    EXPECT_EQ(nullptr, importer.import(fd, 8192, 8192 - 15, 16, nullptr));
+    EXPECT_EQ(nullptr, importer.import(dir, 4096, 16, 0, nullptr));
     close(dir);
+    EXPECT_TRUE(log.contains(
+            MsgLine("Exception: Parameter is incorrect8177, 16, 8192" + kImporterAt + "52)")));
+    EXPECT_TRUE(log.contains(MsgLine("Exception: mmap failed : fd(" + std::to_string(dir) +
+                                     "), size(4096)" + kImporterAt + "58)")));
 
     // Imports outlive the caller's descriptor. The release unmaps fd_size bytes from va: all at
     // offset 0, up to the mapping's end (with a line) from an aligned va, nothing from another.
-    const uint32_t offsets[] = {0, 300, 4096};
-    const char* pages_mapped[] = {"000", "111", "100"};
-    Mask()->set_mask(0);
-    Buffer::sptr buffers[3];
-    for (int i = 0; i < 3; ++i)
-        buffers[i] = importer.import(fd, 12288, 100, offsets[i], nullptr);
+    log.clear();
+    Buffer::sptr buffers[] = {importer.import(fd, 12288, 100, 0, nullptr),
+                              importer.import(fd, 12288, 100, 300, nullptr),
+                              importer.import(fd, 12288, 4096, 8192, nullptr)};  // to the end
     close(fd);
+    ASSERT_TRUE(buffers[0] && buffers[1] && buffers[2]);
+    EXPECT_TRUE(log.contains(MsgLine("fd :" + from + " will be cloned")));
+    EXPECT_TRUE(log.contains(
+            MsgLine("Handle is cloned: " + from + " -> " + std::to_string(buffers[2]->fd))));
+    const char* pages_mapped[] = {"000", "111", "110"};
+    mask.set_mask(0);
     for (int i = 0; i < 3; ++i) {
-        ASSERT_NE(nullptr, buffers[i]);
-        EXPECT_EQ(i == 1 ? 'm' : '\0', *static_cast<char*>(buffers[i]->va));
         char* base = static_cast<char*>(buffers[i]->base_va);
-        char cut[160];
-        snprintf(cut, 160,
-                 "* Buffer Deleter: unmapping 12288 bytes from va(%p) stops at the end of the "
-                 "mapping, after 8192 bytes\n",
-                 buffers[i]->va);
+        std::ostringstream cut;
+        cut << "* Buffer Deleter: unmapping 12288 bytes from va(" << buffers[i]->va
+            << ") stops at the end of the mapping, after 4096 bytes\n";
         // A page of our own right after the mapping, where the kernel lets us place one.
         void* guard = mmap(base + 12288, 4096, PROT_READ,
                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
         log.clear();
         buffers[i].reset();
-        EXPECT_EQ(i == 2 ? Lines{Line(cut)} : Lines{}, log.messages());
+        EXPECT_EQ(i == 2 ? Lines{Line(cut.str())} : Lines{}, log.messages());
         std::string mapped;
         unsigned char vec;
         for (int page = 0; page < 4; ++page)
@@ -136,160 +113,113 @@ TEST_F(MemoryTest, HandlesAndImportsOwnTheirDuplicateAndReleaseFromVa) {
     EXPECT_EQ(fds, zel_test::CountOpenFds());
 }
 
-TEST_F(MemoryTest, AllocatorsAndFactoryReportTheirFailures) {
-    LogCapture log;
-    const int fds = zel_test::CountOpenFds();
-    HeapAllocator heap(4096);
-    Buffer::sptr small = heap.create_memory(1);
-    ASSERT_NE(nullptr, small);
-    EXPECT_EQ(1u, small->fd_size);
-    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(small->base_va) % 4096);
-    EXPECT_GE(malloc_usable_size(small->base_va), 4096u);
-    EXPECT_EQ(nullptr, heap.create_memory(0));
-    EXPECT_EQ(Lines{MsgLine("Exception at creation: Incorrect size(0) "
-                            "requested(src/common/zel_memory/allocator/heap_allocator:49)")},
-              log.messages());
-
-    Mask()->set_mask(0xB);
-    auto device = std::make_unique<DeviceBufferAllocatorUncached>();
-    EXPECT_TRUE(log.contains(MsgLine("Open with heap: system-uncached, dmabuf_system_heap")));
-    Buffer::sptr buffer = device->create_memory(5000);
-    ASSERT_NE(nullptr, buffer);
-    EXPECT_EQ(5000u, buffer->size);
-    EXPECT_EQ("system-uncached", HeapOf(buffer->fd));
-    EXPECT_EQ(8192, lseek(buffer->fd, 0, SEEK_END));  // whole pages, as the kernel's heaps
-    memset(buffer->va, 0x5A, 5000);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(nullptr, device->create_memory(0));
-    device->allocator.reset();
-    EXPECT_EQ(nullptr, device->create_memory(4096));
-    EXPECT_EQ("dmabuf_allocator allocation failed!" + kDeviceAt + "75)\n" +
-                      "Allocator is not available." + kDeviceAt + "73)\n",
-              testing::internal::GetCapturedStdout());
-    log.clear();
-    device.reset();
-    EXPECT_EQ(Lines{Line("  Allocator is not available.\n")}, log.messages());
-    EXPECT_EQ(0x5A, static_cast<unsigned char*>(buffer->va)[4999]);  // outlives its allocator
-    buffer.reset();
-    EXPECT_EQ(fds, zel_test::CountOpenFds());
-
-    Mask()->set_mask(0x23);
-    BufferFactory factory;
-    log.clear();
-    EXPECT_EQ(nullptr, factory.allocate(static_cast<BufferAllocationType>(3), 4096));
-    EXPECT_EQ(nullptr, factory.import_buffer(-1, 4096, 16, 8));
-    EXPECT_EQ((Lines{MsgLine("(type, _size) = (3, 4096) is incorrect."),
-                     Line("  fd(-1), fd_size(4096), buf_size(16), offset(8)\n"),
-                     MsgLine("Exception: fd is incorrect: -1" + kImporterAt + "75)")}),
-              log.messages());
-}
-
-TEST_F(MemoryTest, BuffersWrapIn32BitsAndThePoolMatchesRecordsByValue) {
-    char memory[256];
-    EXPECT_NO_THROW(Buffer(memory, 100, 28, 128, -1, nullptr));
-    EXPECT_EQ("Offset is bigger or equal than size(src/common/zel_memory/buffer:49)",
-              Thrown([&] { Buffer(memory, 101, 28, 128, -1, nullptr); }));
-    EXPECT_NO_THROW(Buffer(memory, 0xFFFFFFFFu, 2, 4, -1, nullptr));  // wraps to 1
-    Buffer heap(reinterpret_cast<void*>(0x7f00), 4096, 0, 4096, -1, nullptr);
-    EXPECT_EQ("va(0x7f00), base_va(0x7f00), size(4096), offset(0), fd(-1)", heap.to_string());
-
-    TalornNnException error("src/x", 7);
+TEST(MemoryTest, AllocatorsFactoryAndManagerTurnEveryFailureIntoItsResult) {
+    TalornNnException error("src/x", 7);  // every failure's text: a copy shares the stream
     error << "a" << 5 << 6u << std::string("s");
     EXPECT_STREQ("a56s(src/x:7)", error.what());
-    TalornNnException shared(error);  // shares the stream
+    TalornNnException shared(error);
     error << "!";
     EXPECT_STREQ("a56s!(src/x:7)", shared.what());
-
+    mask.set_mask(0x2B);
     LogCapture log;
-    DummyImporter importer;
-    Buffer::sptr first = importer.import(-1, 64, 32, 0, memory);
-    Buffer::sptr second = importer.import(-1, 64, 32, 0, memory);
-    Buffer::sptr lower = first.get() < second.get() ? first : second;
-    BufferPool pool;
-    UserBufferSptr record = pool.add_buffer(first);
-    EXPECT_EQ(record, pool.add_buffer(first));
-    EXPECT_TRUE(log.contains(MsgLine("buffer map already has buffer: " + first->to_string())));
-    pool.add_buffer(second);
-    EXPECT_EQ("BUFFER_MAP: " + lower->to_string() + "\nBUFFER_MAP: " + lower->to_string() + "\n",
-              pool.to_string());
-    ZelBuffer copy = *record;
-    EXPECT_EQ(lower, pool.get_buffer(&copy));
-    pool.delete_buffer(&copy);
-    EXPECT_EQ(0u, pool.buffer_map.count(lower));
-    ZelBuffer stranger{memory, 1, 0};
-    EXPECT_EQ("Not found user_buffer0" + kPoolAt + "99)",
-              Thrown([&] { pool.get_buffer(&stranger); }));
-    log.clear();
-    pool.delete_buffer(lower);  // unknown by now: logged, not thrown
-    EXPECT_EQ((Lines{MsgLine("buffer is not managed by map: " + lower->to_string()),
-                     MsgLine("Failed to erase from buffer_map: " + lower->to_string())}),
-              log.messages());
-    EXPECT_EQ(1u, pool.buffer_map.size());
-    // More records alive at once than a thread keeps for reuse, released, then as many again:
-    // each shows its own buffer, and once released its own address.
-    for (int round = 0; round < 2; ++round) {
-        std::vector<Buffer::sptr> buffers;
-        std::vector<ZelBuffer*> views;
-        for (int i = 0; i < 20; ++i) {
-            buffers.push_back(importer.import(-1, 64, 32, 0, memory + i));
-            views.push_back(pool.add_buffer(buffers.back()).get());
-        }
-        for (int i = 0; i < 20; ++i) {
-            EXPECT_EQ(memory + i, views[i]->va);
-            pool.delete_buffer(buffers[i]);
-            EXPECT_EQ(views[i], views[i]->va);
-        }
-    }
-}
-
-TEST_F(MemoryTest, ManagerTurnsEveryFailureIntoItsResult) {
-    LogCapture log;
-    MemoryManager manager;
-    char memory[64];  // a dummy buffer wraps them, owning and pooling nothing
-    Buffer::sptr dummy = manager.dummy_memory(7, 0, 16, 8, memory);
+    const int fds = zel_test::CountOpenFds();
+    auto manager = std::make_unique<MemoryManager>();
+    EXPECT_TRUE(log.contains(MsgLine("Open with heap: system-uncached, dmabuf_system_heap")));
+    void* const at = reinterpret_cast<void*>(0x7f00);  // a dummy buffer wraps any address
+    Buffer::sptr dummy = manager->dummy_memory(7, 0, 16, 8, at);  // fd_size 0: size + offset
     ASSERT_NE(nullptr, dummy);
-    EXPECT_EQ(24u, dummy->fd_size);  // fd_size 0 becomes size + offset
-    EXPECT_EQ(memory + 8, dummy->va);
-    EXPECT_EQ(7, dummy->fd);
-    EXPECT_EQ(nullptr, manager.get_user_raw_buffer(dummy));
-    EXPECT_EQ(nullptr, manager.dummy_memory(3, 16, 16, 1, memory));
+    const std::string text = "va(0x7f08), base_va(0x7f00), size(16), offset(8), fd(7)";
+    EXPECT_EQ(text + " 24", dummy->to_string() + " " + std::to_string(dummy->fd_size));
+    EXPECT_EQ(nullptr, manager->get_user_raw_buffer(dummy));  // and pools nothing
+    BufferPool& pool = *manager->buffer_pool;  // but can be pooled by hand, twice by value
+    EXPECT_EQ(pool.add_buffer(dummy), pool.add_buffer(dummy));
+    EXPECT_TRUE(log.contains(MsgLine("buffer map already has buffer: " + text)));
+    pool.add_buffer(manager->dummy_memory(7, 0, 16, 8, at));
+    EXPECT_EQ("BUFFER_MAP: " + text + "\nBUFFER_MAP: " + text + "\n", manager->to_string());
+    EXPECT_NE(nullptr, manager->dummy_memory(3, 128, 100, 28, at));
+    EXPECT_NE(nullptr, manager->dummy_memory(3, 4, 0xFFFFFFFFu, 2, at));  // the sum wraps to 1
+    EXPECT_EQ(nullptr, manager->dummy_memory(3, 128, 101, 28, at));
     EXPECT_TRUE(log.contains(MsgLine(
             "Exception: Offset is bigger or equal than size(src/common/zel_memory/buffer:49)")));
 
-    Buffer::sptr heap = manager.create_memory(ZEL_MM_HEAP, 4096, 0);
-    ZelBuffer* record = manager.get_user_raw_buffer(heap);
+    Buffer::sptr heap = manager->create_memory(ZEL_MM_HEAP, 1, 0);
+    ZelBuffer* record = manager->get_user_raw_buffer(heap);
     ASSERT_TRUE(heap && record && heap->fd == -1);
-    EXPECT_EQ("system", HeapOf(manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64, 1)->fd));
-    Buffer::sptr uncached = manager.create_memory(ZEL_MM_DEVICE_BUFFER, 64, 0);
+    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(heap->base_va) % 4096);
+    EXPECT_GE(malloc_usable_size(heap->base_va), 4096u);
+    EXPECT_EQ("system", HeapOf(manager->create_memory(ZEL_MM_DEVICE_BUFFER, 64, 1)->fd));
+    Buffer::sptr uncached = manager->create_memory(ZEL_MM_DEVICE_BUFFER, 5000, 0);
+    ASSERT_NE(nullptr, uncached);
     EXPECT_EQ("system-uncached", HeapOf(uncached->fd));
+    EXPECT_EQ(5000u, uncached->size);
+    EXPECT_EQ(8192, lseek(uncached->fd, 0, SEEK_END));  // whole pages, as the kernel's heaps
+    memset(uncached->va, 0x5A, 5000);
+    ZelBuffer copy = *manager->get_user_raw_buffer(uncached), stranger{at, 1, 0};
+    EXPECT_EQ(uncached, manager->get_buffer(&copy));
+    // More records alive at once than a thread keeps for reuse, released, then as many again:
+    // each shows its own buffer, and once released its own address.
+    for (int round = 0; round < 2; ++round) {
+        std::vector<std::pair<Buffer::sptr, ZelBuffer*>> held(20);
+        for (auto& [buffer, view] : held)
+            view = manager->get_user_raw_buffer(buffer =
+                                                        manager->create_memory(ZEL_MM_HEAP, 64, 0));
+        for (auto& [buffer, view] : held) {
+            EXPECT_EQ(buffer->va, view->va);
+            manager->delete_memory(buffer);
+            EXPECT_EQ(view, view->va);
+        }
+    }
+
+    BufferFactory& factory = *manager->buffer_factory;
+    testing::internal::CaptureStdout();
     log.clear();
-    EXPECT_EQ(nullptr, manager.create_memory(static_cast<ZelMmType>(2), 64, 1));
-    EXPECT_EQ(nullptr, manager.create_memory(ZEL_MM_ASHMEM, 64, 1));
-    EXPECT_EQ((Lines{MsgLine("Exception: type 2is not allowed to "
+    EXPECT_EQ(nullptr, manager->create_memory(ZEL_MM_HEAP, 0, 0));
+    EXPECT_EQ(nullptr, manager->create_memory(static_cast<ZelMmType>(2), 64, 1));
+    EXPECT_EQ(nullptr, manager->create_memory(ZEL_MM_ASHMEM, 64, 1));
+    EXPECT_EQ(nullptr, manager->create_memory(ZEL_MM_DEVICE_BUFFER, 0, 0));
+    static_cast<DeviceBufferAllocator&>(*factory.allocators[BUFFER_ALLOC_DEVICE_UNCACHED])
+            .allocator.reset();
+    EXPECT_EQ(nullptr, factory.allocate_device_buffer_noncache(4096));
+    EXPECT_EQ(nullptr, factory.allocate(static_cast<BufferAllocationType>(3), 4096));
+    EXPECT_EQ(nullptr, factory.import_buffer(-1, 4096, 16, 8));
+    EXPECT_EQ("dmabuf_allocator allocation failed!" + kDeviceAt + "75)\n" +
+                      "Allocator is not available." + kDeviceAt + "73)\n",
+              testing::internal::GetCapturedStdout());
+    const std::string no_buffer = MsgLine("Exception: Argument is nullptr" + kPoolAt + "41)");
+    EXPECT_EQ((Lines{MsgLine("Exception at creation: Incorrect size(0) "
+                             "requested(src/common/zel_memory/allocator/heap_allocator:49)"),
+                     no_buffer,
+                     MsgLine("Exception: type 2is not allowed to "
                              "create(src/common/zel_memory/memory_manager:57)"),
                      MsgLine("ashmem allocation is not allowed: Please check _ENABLE_ASHMEM is "
                              "enabled"),
-                     MsgLine("Exception: Argument is nullptr" + kPoolAt + "41)")}),
+                     no_buffer, no_buffer, MsgLine("(type, _size) = (3, 4096) is incorrect."),
+                     Line("  fd(-1), fd_size(4096), buf_size(16), offset(8)\n"),
+                     MsgLine("Exception: fd is incorrect: -1" + kImporterAt + "75)")}),
               log.messages());
-    ZelBuffer copy = *manager.get_user_raw_buffer(uncached);
-    EXPECT_EQ(uncached->fd, manager.get_fd(&copy));
-    EXPECT_EQ(uncached, manager.get_buffer(&copy));
 
-    log.clear();
-    EXPECT_EQ(0, manager.delete_memory(record));
-    EXPECT_EQ(5, manager.delete_memory(record));  // the same record again
-    EXPECT_EQ(5, manager.delete_memory(Buffer::sptr()));
-    EXPECT_EQ(0, manager.delete_memory(heap));  // unknown by now: the pool only logs
-    EXPECT_EQ(nullptr, manager.get_buffer(nullptr));
-    EXPECT_EQ(-1, manager.get_fd(nullptr));
-    EXPECT_EQ(nullptr, manager.get_user_raw_buffer(heap));
+    log.clear();  // deletions twice, of nothing and of what the pool no longer has; null lookups
+    std::ostringstream results;
+    results << manager->delete_memory(record) << manager->delete_memory(record)
+            << manager->delete_memory(Buffer::sptr()) << manager->delete_memory(heap) << " "
+            << manager->get_buffer(nullptr) << manager->get_fd(nullptr)
+            << manager->get_user_raw_buffer(heap) << manager->get_fd(&stranger);
+    EXPECT_EQ("0550 0-10-1", results.str());
     for (const std::string& line :
-         {"Memory Deletion is failed: buffer is not managed by map: please check local ptr is "
-          "modified" +
-                  kPoolAt + "80)",
-          std::string("Memory deletion failed"), "parameter is null" + kPoolAt + "93)",
-          "Couldn't find buffer at map :" + heap->to_string() + kPoolAt + "105)"})
+         Lines{"Memory Deletion is failed: buffer is not managed by map: please check local ptr is "
+               "modified(src/common/zel_memory/buffer_pool:80)",
+               "Memory deletion failed", "parameter is null" + kPoolAt + "93)",
+               "Couldn't find buffer at map :" + heap->to_string() + kPoolAt + "105)",
+               "buffer is not managed by map: " + heap->to_string(),
+               "Failed to erase from buffer_map: " + heap->to_string(),
+               "Not found user_buffer0" + kPoolAt + "99)"})
         EXPECT_TRUE(log.contains(MsgLine(line))) << line;
+    log.clear();
+    manager.reset();
+    EXPECT_EQ(1u, log.count(Line("  Allocator is not available.\n")));
+    EXPECT_EQ(0x5A, static_cast<unsigned char*>(uncached->va)[4999]);  // outlives its allocator
+    uncached.reset();
+    EXPECT_EQ(fds, zel_test::CountOpenFds());
 }
 
 }  // namespace

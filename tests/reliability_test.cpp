@@ -20,16 +20,14 @@ namespace {
 
 using namespace zel::util;
 using namespace zel::memory;
-using zel_test::Line;
-using zel_test::MsgLine;
+using namespace zel_test;
 
 constexpr size_t kMiB = 1 << 20;
 const std::string kPath = "/tmp/zel_reliability_" + std::to_string(getpid());
 
 size_t MappedBytes() {
     size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    return pages * getpagesize();
+    return std::ifstream("/proc/self/statm") >> pages ? pages * getpagesize() : 0;
 }
 
 // Lets the process map only `headroom` more bytes; 0 lifts the limit back to the hard one.
@@ -41,10 +39,10 @@ bool LimitAddressSpace(size_t headroom) {
 }
 
 // " fds=1 maps=1" when both counts are back, then " missing: <text>" for every line not logged.
-std::string Released(int fds, int maps, const zel_test::LogCapture& log,
+std::string Released(int fds, int maps, const LogCapture& log,
                      const std::vector<std::string>& texts) {
-    std::string out = " fds=" + std::to_string(zel_test::CountOpenFds() == fds) +
-                      " maps=" + std::to_string(zel_test::CountMemfdMappings() == maps);
+    std::string out = " fds=" + std::to_string(CountOpenFds() == fds) +
+                      " maps=" + std::to_string(CountMemfdMappings() == maps);
     for (const std::string& text : texts)
         if (!log.contains(text)) out += " missing: " + text;
     return out;
@@ -55,8 +53,8 @@ TEST(ReliabilityTest, AllocationFailuresFailTheOperationAndLeaveNothingBehind) {
         GTEST_SKIP() << "RLIMIT_AS cannot bound this process (sanitizer or emulator)";
     std::ofstream(kPath) << "model";
     ASSERT_EQ(0, truncate(kPath.c_str(), 64 * kMiB));
-    const std::string result = zel_test::RunInChild([] {
-        zel_test::LogCapture log;
+    const std::string result = RunInChild([] {
+        LogCapture log;
         ZelProfiler queued(1, 50000, "service", false);  // 400,000 records: 16 MB of raw data
         for (int i = 0; i < 400000; ++i)
             i % 2 ? queued.add_record_end(SERVICE, 0, 0) : queued.add_record_start(TOTAL, 0, 0);
@@ -73,7 +71,7 @@ TEST(ReliabilityTest, AllocationFailuresFailTheOperationAndLeaveNothingBehind) {
         ZelClientProfiler client(3, 50000, false);  // 64 MiB of raw data to pack, never touched
         client.rawdata = static_cast<ZelProfileData*>(std::malloc(64 * kMiB));
         client.rawdata_size = client.rawdata != nullptr ? 64 * kMiB : 0;
-        const int fds = zel_test::CountOpenFds(), maps = zel_test::CountMemfdMappings();
+        const int fds = CountOpenFds(), maps = CountMemfdMappings();
 
         if (!LimitAddressSpace(4 * kMiB)) return std::string("cannot limit");
         std::ostringstream out;
@@ -124,8 +122,8 @@ TEST(ReliabilityTest, DescriptorExhaustionFailsImportsCleanly) {
     for (size_t i = 0; i < data.size(); ++i)
         data[i] = static_cast<char>(i * 7 + i / 4096);
     std::ofstream(kPath, std::ios::binary) << data;
-    const std::string result = zel_test::RunInChild([&] {
-        zel_test::LogCapture log;
+    const std::string result = RunInChild([&] {
+        LogCapture log;
         MemoryManager manager;
         const int source = memfd_create("zel_source", MFD_CLOEXEC);
         if (source < 0 || ftruncate(source, 4096) != 0) return std::string("no memfd");
@@ -155,7 +153,7 @@ TEST(ReliabilityTest, DescriptorExhaustionFailsImportsCleanly) {
             manager.import_memory(-1, 4096, 4096, 0);
         } catch (const zel::TalornNnException&) {
         }
-        const int fds = zel_test::CountOpenFds(), maps = zel_test::CountMemfdMappings();
+        const int fds = CountOpenFds(), maps = CountMemfdMappings();
         const rlimit low = {256, 256};
         if (setrlimit(RLIMIT_NOFILE, &low) != 0) return std::string("cannot limit");
         std::vector<int> fillers;

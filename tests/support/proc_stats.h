@@ -5,11 +5,7 @@ namespace zel_test {
 
 // Open descriptors of this process (entries of /proc/self/fd, less the one used to list it).
 int CountOpenFds();
-// Mappings of this process (lines of /proc/self/maps).
-int CountMappings();
-// Mappings of memfd-backed memory: device buffers and imports on a host. Heap blocks and thread
-// stacks come and go with the allocator's caches, so this is the count that says what was given
-// back.
+// Mappings of memfd-backed memory (device buffers and imports on a host), not cached by allocators.
 int CountMemfdMappings();
 
 }  // namespace zel_test
