@@ -14,11 +14,6 @@ namespace zel_fuzz {
 // mask: every zone when `traces`, else errors and warnings. ZEL_FUZZ_VERBOSE=1 prints them instead.
 void QuietLogs(bool traces);
 
-// Mappings of memfd-backed memory (the host's device buffers and the fuzzers' import sources).
-inline int MemfdMappingCount() {
-    return zel_test::CountMemfdMappings();
-}
-
 // A memfd of `size` bytes filled from `bytes` (repeated); -1 on failure.
 int MakeMemfd(const char* name, const uint8_t* bytes, size_t count, size_t size);
 

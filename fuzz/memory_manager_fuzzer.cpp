@@ -14,7 +14,7 @@ using namespace zel::memory;
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     zel_fuzz::QuietLogs(in.ConsumeBool());
-    const int fds = zel_test::CountOpenFds(), mappings = zel_fuzz::MemfdMappingCount();
+    const int fds = zel_test::CountOpenFds(), mappings = zel_test::CountMemfdMappings();
     const uint8_t fill = in.ConsumeIntegral<uint8_t>();
     const uint32_t source_size = in.ConsumeIntegralInRange<uint32_t>(0, 3 * 4096);
     const int source = zel_fuzz::MakeMemfd("zel_fuzz_src", &fill, 1, source_size);
@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     close(source);
     if (zel_test::CountOpenFds() != fds ||
-        zel_fuzz::MemfdMappingCount() > mappings + offset_imports)
+        zel_test::CountMemfdMappings() > mappings + offset_imports)
         abort();
     return 0;
 }

@@ -31,11 +31,6 @@ Events Parse(const std::string& text, std::map<int64_t, std::string>* tracks = n
     return events;
 }
 
-std::string Read(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
 // TOTAL/7 { CLIENT { SERVICE { DD_ROOT/3 } }, (label 11) { (label 30)/0xab } } from each base.
 std::unique_ptr<ZelProfiler> Stages(const std::vector<uint64_t>& bases) {
     std::vector<ZelProfileData> r;
@@ -101,7 +96,8 @@ TEST_F(ProfilerTraceTest, RefusesUnfinalizedAndAlteredProfilesAndUnwritableFiles
     auto p = Stages({1000, 2000});
     EXPECT_EQ(export_trace_to_file(*p, "/nonexistent/dir/t.json"), 1);
     ASSERT_EQ(export_trace_to_file(*p, path.c_str()), 0);
-    EXPECT_EQ(Read(path), export_trace_json(*p));
+    std::ifstream file(path);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), export_trace_json(*p));
     // A child outside its parent, raw data short of its counts, a tree bigger than its records.
     p->root->children[0]->children[0]->end_time[1] = 2075;
     EXPECT_EQ(export_trace_to_file(*p, path.c_str()), 1);
