@@ -34,10 +34,7 @@ inline std::unique_ptr<ZelProfiler> FromRecords(std::vector<ZelProfileData> reco
 class Fixture : public ::testing::Test {
   protected:
     void SetUp() override { Mask(0x3); }
-    void TearDown() override { Mask(saved_); }
     static void Mask(uint64_t mask) { zel::debug::DbgPrintManager::GetInstance()->set_mask(mask); }
-
-    const uint64_t saved_ = zel::debug::DbgPrintManager::GetInstance()->print_mask;
     zel_test::LogCapture log;
 };
 

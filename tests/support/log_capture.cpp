@@ -57,12 +57,4 @@ void LogCapture::clear() {
     g_lines.clear();
 }
 
-std::string Line(const std::string& text) {
-    return "2.1.17: " + text;
-}
-
-std::string MsgLine(const std::string& text) {
-    return "2.1.17:   " + text + "\n";
-}
-
 }  // namespace zel_test

@@ -28,7 +28,11 @@ class LogCapture {
 
 // The text of a printf-style line: "2.1.17: " + text; of a stream-style line (ZEL_MSG,
 // ZelMsgHandler): "2.1.17:   " + text + "\n".
-std::string Line(const std::string& text);
-std::string MsgLine(const std::string& text);
+inline std::string Line(const std::string& text) {
+    return "2.1.17: " + text;
+}
+inline std::string MsgLine(const std::string& text) {
+    return "2.1.17:   " + text + "\n";
+}
 
 }  // namespace zel_test
