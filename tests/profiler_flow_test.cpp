@@ -82,7 +82,7 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
                                    {END, CLIENT, 0, 0, 30},
                                    {END, API, 0, 0, 40}};
         codes += " ";
-        for (const auto& [size, iterations] : {std::pair{160, 2}, {-1, 1}, {160, -1}})
+        for (const auto& [size, iterations] : {std::pair{160, 2}, {-1, 1}, {160, -1}, {0, 0}})
             codes += std::to_string(
                     W::merge_rawdata_mem_to_profiler(kModel, client, size, iterations, 4));
         // Records queued after raw data exist make the client profile's finalize fail.
@@ -128,6 +128,8 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
                     "num_label(4)\n"
                     "* Client profile counts disagree with its size. size(160) num_iter(-1) "
                     "num_label(4)\n"
+                    "* Wrong merge usage. iter diff. (3) vs (0)\n"  // an empty client
+                    "* Fail to find parent's leaf(CLIENT:0x0)\n* Fail to merge profiler\n"
                     "* Wrong flow. We already have rawdata\n"
                     "* Fail to process queue data to rawdata.(default)\n"
                     "* Fail to finalize profilerFromClient at merge stage\n"
@@ -135,7 +137,7 @@ TEST(ProfilerFlowTest, UntrustedDataFromTheDriverAndTheClient) {
                     "* Fail to find parent's leaf(CLIENT:0x0)\n* Fail to merge profiler\n"
                     "* Data to Service : model_id(0x7) num_label(0) num_iter(0) size(24)\n"
                     "* Cannot pack rawdata((nil)) size(40) to send service\n"
-                    "-TT 0 0 0 12 20 30 11111 111 left 0 kept 14 shown",
+                    "-TT 0 0 0 12 20 30 111111 111 left 0 kept 14 shown",
             result);
 }
 

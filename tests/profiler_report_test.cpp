@@ -79,7 +79,7 @@ TEST_F(ProfilerReportTest, ReportsLineForLine) {
     // Four iterations: the range starts at 0 exactly, without a correction.
     auto four = Finalized({150, 110, 190, 100});
     log.clear();
-    four->show_output(true);
+    EXPECT_EQ(four->show_result_multi_records(0.9f, 3), 0);
     EXPECT_EQ(log.messages().at(1), Lines({"* print result of iter(0~3)\n"})[0]);
 }
 

@@ -66,6 +66,7 @@ TEST(ProfilerWrapperTest, InitializeSourcesAndProfilingOff) {
         zel::debug::DbgPrintManager::GetInstance()->set_mask(0x7);
         zel_test::LogCapture log;
         W::initialize(0, 0);
+        W::merge_device_profiler_to_main_profiler(1, 1);  // profiling is off: no lookup
         std::string text =
                 std::to_string(log.messages().size()) +
                 std::to_string(log.count(Line("* No value for (" + mode + "). Skip.\n"))) +
