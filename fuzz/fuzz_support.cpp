@@ -1,8 +1,6 @@
 #include "fuzz_support.h"
 
 #include <android/log.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstdlib>
 
@@ -17,20 +15,6 @@ void QuietLogs(bool traces) {
 #endif
     __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
     zel::debug::DbgPrintManager::GetInstance()->set_mask(traces || verbose ? 0xFF : 0x3);
-}
-
-int MakeMemfd(const char* name, const uint8_t* bytes, size_t count, size_t size) {
-    const int fd = memfd_create(name, MFD_CLOEXEC);
-    if (fd >= 0 && ftruncate(fd, static_cast<off_t>(size)) != 0) {
-        close(fd);
-        return -1;
-    }
-    for (size_t done = 0; fd >= 0 && count != 0 && done < size; done += count) {
-        const size_t piece = size - done < count ? size - done : count;
-        if (pwrite(fd, bytes, piece, static_cast<off_t>(done)) != static_cast<ssize_t>(piece))
-            break;
-    }
-    return fd;
 }
 
 }  // namespace zel_fuzz

@@ -14,7 +14,4 @@ namespace zel_fuzz {
 // mask: every zone when `traces`, else errors and warnings. ZEL_FUZZ_VERBOSE=1 prints them instead.
 void QuietLogs(bool traces);
 
-// A memfd of `size` bytes filled from `bytes` (repeated); -1 on failure.
-int MakeMemfd(const char* name, const uint8_t* bytes, size_t count, size_t size);
-
 }  // namespace zel_fuzz
