@@ -141,23 +141,24 @@ TEST(ZelProfTest, DemoWithoutTheServiceLetsEachSideReport) {
     EXPECT_EQ(std::string::npos, demo.out.find("SERVICE\n"));
 }
 
+// Writes the 64-bit `words` to `name` in the test's temporary folder; its path.
+std::string WriteWords(const std::string& name, const std::vector<uint64_t>& words) {
+    const std::string path = testing::TempDir() + name;
+    std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(words.data()), words.size() * 8);
+    return path;
+}
+
 TEST(ZelProfTest, ReportRefusesWhatIsNoProfile) {
-    const std::string path = testing::TempDir() + "zel_prof_short.bin";
-    FILE* file = fopen(path.c_str(), "wb");
-    ASSERT_NE(nullptr, file);
-    const uint64_t record[5] = {0, 25, 0, 0, 10};  // one START API, never closed
-    fwrite(record, sizeof(record), 1, file);
-    fclose(file);
-    const struct {
-        std::string args, error;
-    } kCases[] = {{"/nonexistent/profile_rawdata_1.bin", "No such file or directory"},
-                  {path, "the first label never recurs"},
-                  {path + " --iterations 2 --labels 1", "do not fit 1 records"}};
-    for (const auto& c : kCases) {
+    const std::string path = WriteWords("zel_prof_short.bin", {0, 25, 0, 0, 10});  // START API
+    for (const auto& [args, error] : std::vector<std::pair<std::string, std::string>>{
+                 {"/nonexistent/profile_rawdata_1.bin", "No such file or directory"},
+                 {path, "the first label never recurs"},
+                 {path + " --iterations 2 --labels 1", "do not fit 1 records"}}) {
         for (const std::string command : {"report ", "html -o /dev/null "}) {
-            const ToolRun run = ZelProf(command + c.args, true);
-            EXPECT_NE(0, run.status) << command << c.args;
-            EXPECT_NE(std::string::npos, run.out.find(c.error)) << c.args << "\n" << run.out;
+            const ToolRun run = ZelProf(command + args, true);
+            EXPECT_NE(0, run.status) << command << args;
+            EXPECT_NE(std::string::npos, run.out.find(error)) << args << "\n" << run.out;
         }
     }
     remove(path.c_str());
@@ -186,12 +187,7 @@ std::string WriteProfile(const std::string& name, unsigned seed, double cpu_scal
         now += 5;
         record(1, outer, 0, i);
     }
-    const std::string path = testing::TempDir() + name;
-    FILE* file = fopen(path.c_str(), "wb");
-    if (file == nullptr) return path;
-    fwrite(words.data(), sizeof(uint64_t), words.size(), file);
-    fclose(file);
-    return path;
+    return WriteWords(name, words);
 }
 
 // The one line of `out` that starts with `stage` after leading blanks.
@@ -232,8 +228,7 @@ TEST(ZelProfTest, DiffFlagsTheShiftedStageAndWhatHoldsIt) {
     EXPECT_EQ(2, apart.status);
     EXPECT_NE(std::string::npos, apart.out.find("the profiles have no stage in common"))
             << apart.out;
-    const std::string empty = testing::TempDir() + "zel_prof_empty.bin";
-    fclose(fopen(empty.c_str(), "wb"));
+    const std::string empty = WriteWords("zel_prof_empty.bin", {});
     const ToolRun nothing = ZelProf("diff " + empty + " " + base, true);
     EXPECT_EQ(2, nothing.status);
     EXPECT_NE(std::string::npos, nothing.out.find("holds no complete record")) << nothing.out;
