@@ -40,10 +40,8 @@ ToolRun ZelProf(const std::string& args, bool with_errors = false) {
 
 // The summary block: from its column heading to its closing rule.
 std::string Summary(const std::string& out) {
-    const size_t begin = out.find("<avg>");
-    const size_t end = out.find("* ====", begin);
-    if (begin == std::string::npos || end == std::string::npos) return "";
-    return out.substr(begin, end - begin);
+    const size_t begin = std::min(out.find("<avg>"), out.size());
+    return out.substr(begin, out.find("* ====", begin) - begin);
 }
 
 TEST(ZelProfTest, DemoReportsTheMergedProfileAndTheReportsReadItBack) {
