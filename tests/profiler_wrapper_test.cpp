@@ -97,7 +97,8 @@ TEST(ProfilerWrapperTest, InitializeSourcesAndProfilingOff) {
 }
 
 // A second create keeps the first profiler; only labels in the mask are queued; unknown models
-// are logged; a client's profile goes nowhere without a service; removal prints only when shown.
+// are logged and, like a profiler that cannot finalize, count nothing; a client's profile goes
+// nowhere without a service; removal prints only when shown.
 // (Export through the registry: ZelProfTest's demo.)
 TEST(ProfilerWrapperTest, RegistryRecordingAndRemoval) {
     const std::string result = zel_test::RunInChild([] {
@@ -122,7 +123,12 @@ TEST(ProfilerWrapperTest, RegistryRecordingAndRemoval) {
         W::set_profiler_show_flag(99, true);
         W::remove_profiler(99);
         W::profile_from(99, SERVICE, 0, 0);
-        const uint64_t unknown = W::get_profiler_iteration(99) + W::get_profiler_num_label(99);
+        ZelProfileData lone = {START, API, 0, 0, 1};  // raw data, then a record queued
+        (W::profilerMap_[5] = new ZelProfiler(5, &lone, 40, 10, 1, 1))->add_record_start(API, 0, 0);
+        const uint64_t unknown = W::get_profiler_iteration(99) + W::get_profiler_num_label(99) +
+                                 W::get_profiler_iteration(5) + W::get_profiler_num_label(5);
+        delete W::profilerMap_[5];
+        W::profilerMap_.erase(5);
         text += " " + std::to_string(unknown) +
                 std::to_string(log.contains(Line("  No profiler to set show flag."))) +
                 std::to_string(log.contains(Line("  No profiler to remove."))) +

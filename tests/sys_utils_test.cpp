@@ -33,8 +33,9 @@ TEST(SysUtilsTest, AffinityAndPriorityOfTheCallingThread) {
             out << sys_util_set_sched_affinity(wanted) << sys_util_get_sched_affinity(&mask)
                 << mask;
         // No CPU at all. At -20 the kernel reports 40, not -20, so the priority is set again.
-        out << sys_util_set_sched_affinity(0) << " " << ofi_adjust_thread_priority_urgent()
-            << getpriority(PRIO_PROCESS, 0) << ofi_adjust_thread_priority_urgent();
+        out << sys_util_set_sched_affinity(0) << sys_util_get_sched_affinity(nullptr) << " "
+            << ofi_adjust_thread_priority_urgent() << getpriority(PRIO_PROCESS, 0)
+            << ofi_adjust_thread_priority_urgent();
         for (const std::string& message : log.messages())
             if (message.find("sched_set") == std::string::npos) out << "|" << message;
         return out.str();
@@ -42,11 +43,12 @@ TEST(SysUtilsTest, AffinityAndPriorityOfTheCallingThread) {
     const bool nice = result[0] == '1';  // priorities could be raised
     const std::string tid = result.substr(1, result.find(' ') - 1);
     std::string expected =
-            result[0] + tid + " 0010031 " +
+            result[0] + tid + " 00100311 " +
             (nice ? "0-200" : "1" + std::to_string(getpriority(PRIO_PROCESS, 0)) + "1");
     for (const char* mask : {"0x1", "0x3"})
         expected += "|" + Line("  sched_getaffinity(), tid(" + tid + "), cpusetsize(8), mask(" +
                                mask + "), ret(8)\n");
+    expected += "|" + Line("* sched_getaffinity(), mask is nullptr\n");
     if (nice)
         expected += "|" + Line("* Priority set to 0x14\n") + "|" + Line("* Priority set to 0x28\n");
     EXPECT_EQ(expected, result);
