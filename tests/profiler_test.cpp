@@ -78,7 +78,8 @@ TEST_F(ProfilerTest, TimesAgreeTracedOrQuietAndAFailedFillComputesNone) {
     Mask(0xF);
     ASSERT_EQ(traced->finalize() + traced->calculate_self_time(), 0);  // again: the same times
     Mask(0x3);
-    EXPECT_EQ(quiet->calculate_self_time() + quiet->relative_timestamp + quiet->show_flag, 0);
+    EXPECT_EQ(quiet->calculate_self_time(), 0);
+    EXPECT_FALSE(quiet->relative_timestamp || quiet->show_flag);  // a profiler of raw data
     const ProfileNode* q[] = {quiet->root.get(), quiet->root->children.at(0).get(), nullptr};
     q[2] = q[1]->children.at(0).get();  // FW
     const ProfileNode* t[] = {traced->root.get(), traced->root->children[0].get(), nullptr};
