@@ -43,11 +43,9 @@ bool QueueRecord(ZelProfiler& profiler, ProfileRecordType type, ProfilerLabelTyp
                 static_cast<long>(label));
         return false;
     }
-    if (profiler.fastTrack) {
-        profiler.queue.push_back({type, label, labelPostfix, iterKey, now_us()});
-        return true;
-    }
-    std::lock_guard<std::mutex> lock(profiler.queue_mutex);
+    // One append site for both modes, so that the compiler inlines the queue's fast path.
+    std::unique_lock<std::mutex> lock(profiler.queue_mutex, std::defer_lock);
+    if (!profiler.fastTrack) lock.lock();
     profiler.queue.push_back({type, label, labelPostfix, iterKey, now_us()});
     return true;
 }
