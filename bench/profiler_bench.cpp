@@ -12,6 +12,7 @@
 #include <cstring>
 #include <deque>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "debug/zel_debug.h"
@@ -62,6 +63,27 @@ void BM_RecordPairBaseline(benchmark::State& state) {
     benchmark::DoNotOptimize(queue.size());
 }
 BENCHMARK(BM_RecordPairBaseline);
+
+// The locked recorder's steps written inline: the baseline with each append and its clock reading
+// under an uncontended mutex. The floor for BM_RecordPairLocked.
+void BM_RecordPairInlineLocked(benchmark::State& state) {
+    std::deque<ZelProfileData> queue;
+    std::mutex mutex;
+    uint64_t i = 0;
+    for (auto _ : state) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            queue.push_back({START, NPU_OP, 1, i, NowUs()});
+        }
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            queue.push_back({END, NPU_OP, 1, i, NowUs()});
+        }
+        if (++i % kDrainEvery == 0) queue.clear();
+    }
+    benchmark::DoNotOptimize(queue.size());
+}
+BENCHMARK(BM_RecordPairInlineLocked);
 
 void RecordPairs(benchmark::State& state, bool fast_track) {
     ZelProfiler p(1, 100, "service", fast_track);
@@ -218,6 +240,10 @@ int main(int argc, char** argv) {
               "BM_RecordPairBaseline", 1.5},
              {"locked start+end / clock+deque baseline", "BM_RecordPairLocked",
               "BM_RecordPairBaseline", 1.10},
+             {"locked steps inline / clock+deque baseline", "BM_RecordPairInlineLocked",
+              "BM_RecordPairBaseline", 0},
+             {"locked start+end / its steps inline", "BM_RecordPairLocked",
+              "BM_RecordPairInlineLocked", 0},
              {"8 threads locked, per pair / uncontended locked",
               "BM_RecordPairLocked8Threads/iterations:100000/real_time/threads:8",
               "BM_RecordPairLocked", 0},
