@@ -33,16 +33,18 @@ inline uint64_t now_us() {
                                          .count());
 }
 
+// Out of line, so that the record path below carries none of the logging.
+__attribute__((noinline, cold)) bool RefuseRecord(ProfilerLabelType label) {
+    ZEL_LOG(ZONE_ERR, PRINT_ALWAYS, "* Cannot add new profile data after finalized. label(%ld)\n",
+            static_cast<long>(label));
+    return false;
+}
+
 // The measured path: one clock reading and one append, under the queue's lock unless the
 // profiler records from a single thread (fast track). False when the record is refused.
 bool QueueRecord(ZelProfiler& profiler, ProfileRecordType type, ProfilerLabelType label,
                  ProfilerKeyType labelPostfix, ProfilerKeyType iterKey) {
-    if (profiler.finalized) {
-        ZEL_LOG(ZONE_ERR, PRINT_ALWAYS,
-                "* Cannot add new profile data after finalized. label(%ld)\n",
-                static_cast<long>(label));
-        return false;
-    }
+    if (CC_UNLIKELY(profiler.finalized)) return RefuseRecord(label);
     // One append site for both modes, so that the compiler inlines the queue's fast path.
     std::unique_lock<std::mutex> lock(profiler.queue_mutex, std::defer_lock);
     if (!profiler.fastTrack) lock.lock();
