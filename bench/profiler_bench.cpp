@@ -219,8 +219,10 @@ BENCHMARK(BM_MergeBaselineMemcpy)->UseManualTime()->Unit(benchmark::kMillisecond
 // separate mappings for large blocks), so that every run reuses the pages of the one before.
 // Registered last: the setting stays for the rest of the process.
 void BM_FinalizeAndReportKeptHeap(benchmark::State& state) {
-    mallopt(M_MMAP_THRESHOLD, 256 << 20);
-    mallopt(M_TRIM_THRESHOLD, 1 << 30);
+    if (mallopt(M_MMAP_THRESHOLD, 256 << 20) == 0 || mallopt(M_TRIM_THRESHOLD, 1 << 30) == 0) {
+        state.SkipWithError("the allocator refused the thresholds");
+        return;
+    }
     BM_FinalizeAndReport(state);
 }
 BENCHMARK(BM_FinalizeAndReportKeptHeap)

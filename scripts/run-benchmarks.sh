@@ -11,8 +11,9 @@ found=0
 for bench in "$dir"/*_bench; do
     found=1
     echo "--- $(basename "$bench")"
-    output=$("$bench" --benchmark_min_time=0.01 2>&1)
-    if grep -q "ERROR OCCURRED" <<<"$output"; then
+    status=0
+    output=$("$bench" --benchmark_min_time=0.01 2>&1) || status=$?
+    if [ "$status" != 0 ] || grep -q "ERROR OCCURRED" <<<"$output"; then
         echo "$output"
         exit 1
     fi
