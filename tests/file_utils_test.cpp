@@ -1,6 +1,7 @@
 // Loading files into memory, split reads over several handles, cursors, export and dumps.
 #include "util/zel_utils.h"
 
+#include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -131,6 +132,9 @@ TEST_F(FileUtilsTest, CursorAndMissingFile) {
                      Line("  move(1), current(8) > size(8)\n"), Line("  parameter(1) is too big\n"),
                      Line("  File Open Error\n")}),
               log.messages());
+    android::base::unique_fd pipe_in, pipe_out;  // a file with no end to seek to
+    ASSERT_TRUE(android::base::Pipe(&pipe_in, &pipe_out));
+    EXPECT_EQ(0u, FileBufferReader("/proc/self/fd/" + std::to_string(pipe_in.get())).size);
     // A failed read keeps the cursor; the file, over a stdio block, shrinks before its first read.
     FileBufferReader shrinking(Write("shrinking", Pattern(10000)));
     char big[4000];
