@@ -51,8 +51,7 @@ std::unique_ptr<ZelProfiler> Stages(const std::vector<uint64_t>& bases) {
 }  // namespace
 
 TEST_F(ProfilerTraceTest, EventsTracksLanesNamesAndTheEventLimit) {
-    // Iteration 1 lies inside iteration 0 and moves to further tracks; iteration 2 starts as 0
-    // ends.
+    // Iteration 1 lies inside iteration 0, on further tracks; iteration 2 starts as 0 ends.
     auto p = Stages({1000, 1020, 1070});
     p->set_name(
             "q\"b\\s\n\x01 \xc3\x80 \xff\xc3 \xed\xa0\x80 \xe0\x80\x80 \xf4\x90 \xf0\x9f\x99\x82"
