@@ -58,7 +58,7 @@ TEST_F(ProfilerTest, RecordFinalizeRefuseAndExport) {
               std::string(reinterpret_cast<const char*>(p.rawdata), 520));
     ZelProfiler from_file(5, path.c_str(), 100, 3, 4);  // only the size: nothing to finalize
     EXPECT_EQ(from_file.finalize() + from_file.finalized + from_file.fastTrack +
-                      from_file.show_flag + from_file.rawdata_size,
+                      from_file.show_flag + from_file.relative_timestamp + from_file.rawdata_size,
               520u);
     std::remove(path.c_str());
 }
